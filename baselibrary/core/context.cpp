@@ -1,0 +1,299 @@
+#include "core/context.h"
+
+#include "core/crashframe_p.h"
+#include "core/fixedpath.h"
+#include "core/traceerrorcode.h"
+#include "core/tracefilter.h"
+#include "core/traceprofile.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <boost/thread/thread.hpp>
+
+#include <mutex>
+
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace Brevi {
+
+namespace {
+const unsigned TraceModule = TraceModuleContext;
+
+__thread Context* threadContext __attribute__((tls_model("initial-exec"))) = nullptr;
+
+std::once_flag soOnce;
+std::mutex soIdMutex;
+unsigned suiNextId = 0;
+
+const QString& emptyString()
+{
+    static const QString empty;
+    return empty;
+}
+} // namespace
+
+QString Context::msBaseName;
+
+QString Context::version()
+{
+    return QStringLiteral("%1.%2.%3").arg(BREVI_VERSION_MAJOR).arg(BREVI_VERSION_MINOR).arg(BREVI_VERSION_BUILD);
+}
+
+// ---------------------------------------------------------------------------
+// Entry
+
+bool Context::run(void (*function)(), Type type, unsigned flags, const QString& title, const QString& name,
+                  const QString& group)
+{
+    CrashFrame frame;
+    return doRun(function, type, flags, title, name, group);
+}
+
+bool Context::run(void (*function)(int&, int, char** const), int& result, int argc, char** const argv, Type type,
+                  unsigned flags, const QString& title, const QString& name, const QString& group)
+{
+    CrashFrame frame;
+    return doRun(function, result, argc, argv, type, flags, title, name, group);
+}
+
+bool Context::doRun(void (*function)(), Type type, unsigned flags, const QString& title, const QString& name,
+                    const QString& group)
+{
+    Context context(type, flags, title, name, group);
+    if (context.meType == TypeInvalid) {
+        BTRACE(TraceDebug) << "Not launched";
+        return false;
+    }
+    BTRACE(TraceDebug) << "Launched";
+    function();
+    BTRACE(TraceDebug) << "Finished";
+    return true;
+}
+
+bool Context::doRun(void (*function)(int&, int, char** const), int& result, int argc, char** const argv, Type type,
+                    unsigned flags, const QString& title, const QString& name, const QString& group)
+{
+    Context context(type, flags, title, name, group);
+    if (context.meType == TypeInvalid) {
+        BTRACE(TraceDebug) << "Not launched";
+        return false;
+    }
+    BTRACE(TraceDebug) << "Launched";
+    function(result, argc, argv);
+    BTRACE(TraceDebug) << "Finished";
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Construction
+
+void Context::idInitialize()
+{
+    // The crypto library of this platform is thread-safe by itself: no locks
+    // to set up for it.
+    FixedPath::initialize();
+    suiNextId = 1;
+}
+
+unsigned Context::getId()
+{
+    std::call_once(soOnce, idInitialize);
+    std::lock_guard<std::mutex> lock(soIdMutex);
+    return suiNextId++;
+}
+
+Context::Context(Type type, unsigned flags, const QString& title, const QString& name, const QString& group)
+    : msTitle(title), muiFlags(flags)
+{
+    muiId = getId();
+    if (FixedPath::home().isEmpty()) {
+        // No home, no trace file and no messaging: the process cannot run.
+        BTRACE(TraceAlways) << "Address is" << muiId << int(meType);
+        return;
+    }
+
+    msName = name;
+    msGroup = group;
+    if (muiId == 1) {
+        if (flags & FlagUseEnvironment) {
+            const QString environmentTitle = FixedPath::environment("BREVI_CONTEXT_TITLE");
+            if (!environmentTitle.isEmpty())
+                msTitle = environmentTitle;
+            if (msName.isEmpty()) {
+                msName = FixedPath::environment("BREVI_CONTEXT_NAME");
+                if (!msName.isEmpty())
+                    msGroup = FixedPath::environment("BREVI_CONTEXT_GROUP");
+            }
+        }
+        msBaseName = msTitle + ' ';
+    }
+
+    meType = type;
+    setTrace(msTitle);
+    initialize();
+
+    switch (type) {
+    case TypeInvalid:
+    case TypeAdopted:
+        meType = TypeInvalid;
+        break;
+    case TypeStandalone:
+        mptMessaging = createStandaloneMessaging();
+        if (!mptMessaging) {
+            BTRACE(TraceAlways) << "Failed to initialize standalone messaging";
+            meType = TypeInvalid;
+        }
+        break;
+    case TypeAttached:
+    case TypeMonitored: {
+        const unsigned attachFlags =
+            type == TypeMonitored ? flags & ~(FlagNotifyReady | FlagWaitForDisconnect | FlagWaitForEndOfDay) : flags;
+        mptMessaging = createAttachedMessaging(type, attachFlags);
+        if (!mptMessaging) {
+            BTRACE(TraceAlways) << "Failed to attach to Hub";
+            meType = TypeInvalid;
+        }
+        break;
+    }
+    default:
+        // Deliberately kept: a type above the known ones is valid and runs
+        // without messaging.
+        break;
+    }
+    BTRACE(TraceAlways) << "Address is" << muiId << int(meType);
+}
+
+Context::~Context()
+{
+    if (muiId == 1)
+        BTRACE(TraceNormal) << "Shutdown any timer";
+    mptMessaging.reset();
+    BTRACE(TraceNormal) << "Disable trace";
+    moTrace.disable();
+    if (Trace::object() == &moTrace)
+        Trace::object(nullptr);
+    if (threadContext == this)
+        threadContext = nullptr;
+}
+
+boost::shared_ptr<Messaging> Context::createStandaloneMessaging()
+{
+    // The messaging layer is not part of this build yet.
+    return boost::shared_ptr<Messaging>();
+}
+
+boost::shared_ptr<Messaging> Context::createAttachedMessaging(Type, unsigned)
+{
+    // The Hub link is not part of this build yet.
+    return boost::shared_ptr<Messaging>();
+}
+
+void Context::initialize()
+{
+    threadContext = this;
+    // What this process creates for others is readable and writable by its
+    // owner; root can always open it.
+    moSecurity.nLength = sizeof(SecurityAttributes);
+    moSecurity.mode = S_IRUSR | S_IWUSR;
+    moSecurity.inheritHandle = false;
+}
+
+void Context::setTrace(const QString& title)
+{
+    const TraceProfile profile = TraceProfile::read(FixedPath::config() + "/profile.cfg");
+    if (profile.level != TraceLevelNone)
+        Trace::setFilter(TraceFilter(profile.level));
+    if (profile.traceToFile)
+        setTraceFile(title, profile.linesPerFile, profile.filesToKeep);
+}
+
+void Context::setTraceFile(const QString& title, unsigned linesPerFile, unsigned filesToKeep)
+{
+    const QString directory = FixedPath::trace();
+    QString name = title.toLower().replace(' ', '-');
+
+    const QFileInfo info(directory);
+    if (info.exists() && !info.isDir())
+        QFile::remove(directory);
+    QDir().mkpath(directory);
+
+    if (meType == TypeAdopted)
+        return;
+
+    name += '-' + QString::number(OSPid());
+    if (muiId != 1)
+        name += '-' + QString::number(muiId);
+    const QString path = QDir(directory).absoluteFilePath(crunchName(name));
+    if (!moTrace.file(path, linesPerFile, filesToKeep, TraceFileText))
+        BTRACE(TraceAlways) << "Cannot open trace file" << path << TraceErrorCode(errno);
+}
+
+// ---------------------------------------------------------------------------
+// Static members for the calling thread
+
+Context* Context::object() { return threadContext; }
+
+bool Context::isValid() { return threadContext && threadContext->meType != TypeInvalid; }
+
+Context::Type Context::type() { return threadContext ? threadContext->meType : TypeInvalid; }
+
+unsigned Context::id() { return threadContext ? threadContext->muiId : 0; }
+
+unsigned Context::OSPid() { return unsigned(getpid()); }
+
+unsigned Context::uniqueId() { return threadContext ? ++threadContext->muiUniqueId : 0; }
+
+const QString& Context::baseName() { return msBaseName; }
+
+SecurityAttributes* Context::security() { return threadContext ? &threadContext->moSecurity : nullptr; }
+
+boost::shared_ptr<Messaging> Context::messaging()
+{
+    return threadContext ? threadContext->mptMessaging : boost::shared_ptr<Messaging>();
+}
+
+QString Context::temporaryFileName()
+{
+    if (!threadContext)
+        return emptyString();
+    const unsigned counter = ++threadContext->muiTemporaryFile;
+    return QStringLiteral("%1/%2_%3_%4")
+        .arg(FixedPath::tmp())
+        .arg(OSPid(), 5, 10, QLatin1Char('0'))
+        .arg(threadContext->muiId, 3, 10, QLatin1Char('0'))
+        .arg(counter, 4, 10, QLatin1Char('0'));
+}
+
+unsigned long long Context::systemTime()
+{
+    timespec now;
+    if (clock_gettime(CLOCK_REALTIME, &now) != 0 || now.tv_sec < 0)
+        return 0;
+    return static_cast<unsigned long long>(now.tv_sec) * 1000ull + static_cast<unsigned long long>(now.tv_nsec) / 1000000ull;
+}
+
+void Context::sleep(unsigned long long milliseconds)
+{
+    boost::this_thread::sleep_for(boost::chrono::milliseconds(milliseconds));
+}
+
+QString Context::crunchName(const QString& name)
+{
+    static const QString unsafe = QStringLiteral("/?<>\\:*|^");
+    QString result = name;
+    for (const QChar c : unsafe)
+        if (result.contains(c))
+            result.replace(c, '_' + QString::number(c.unicode(), 16) + '_');
+    return result;
+}
+
+void Context::traceHandles(TraceLevelE level)
+{
+    if (threadContext)
+        BREVI_TRACE(TraceModuleContext, level) << "traceHandle not implimented for windows";
+}
+
+} // namespace Brevi

@@ -1,0 +1,155 @@
+#ifndef BASELIBRARY_CORE_CONTEXT_H
+#define BASELIBRARY_CORE_CONTEXT_H
+
+#include "brevi_export.h"
+#include "core/operatorboolgenerator.h"
+#include "core/trace.h"
+
+#include <QString>
+
+#include <boost/shared_ptr.hpp>
+
+namespace Brevi {
+
+class Messaging;
+
+// Attributes given to what a process creates for others to open (shared
+// memory, semaphores, files): owner read and write; root can always open them.
+struct SecurityAttributes {
+    unsigned nLength = 0;
+    unsigned mode = 0;
+    bool inheritHandle = false;
+};
+
+// The frame every process, and every thread that talks to other contexts, runs
+// inside.
+//
+// A program hands its function to Context::run, which builds a Context on its
+// own stack: an id (the first context of a process has id 1), a title, the
+// directory tree, tracing from "profile.cfg", messaging of the asked type; then
+// it calls the function under the crash frame, and takes everything down in a
+// fixed order. A fatal signal or std::terminate leaves runtime/dump/<title>-
+// <version>-<time>-<pid>-<tid>.dmp and, on a thread with a context, a .tra with
+// the text of its trace ring; the process then ends by the same signal.
+//
+// All code reaches identity, trace and messaging through the static members,
+// which look up the calling thread's context. A thread without one gets neutral
+// answers (0, empty, null), not a failure.
+class BREVI_EXPORT Context
+{
+public:
+    enum Type {
+        TypeInvalid = 0,
+        // No Hub; messaging inside the process only.
+        TypeStandalone = 1,
+        // Only from the constructor for a given address; trace to a given buffer.
+        TypeAdopted = 2,
+        TypeAttached = 3,
+        // Registered with the Hub, then runs on standalone messaging.
+        TypeMonitored = 4
+        // Any higher value is kept as given: a valid context with no messaging.
+    };
+
+    enum Flags : unsigned {
+        FlagDoNotWaitAtStartOfDay = 0x01,
+        FlagNotifyReady = 0x02,
+        FlagWaitForDisconnect = 0x04,
+        // The first context of the process takes title, name and group from
+        // BREVI_CONTEXT_TITLE, BREVI_CONTEXT_NAME and BREVI_CONTEXT_GROUP.
+        FlagUseEnvironment = 0x08,
+        FlagAttachOnce = 0x10,
+        FlagWaitForEndOfDay = 0x20,
+        FlagPersistent = 0x40
+    };
+
+    // True when the function was called.
+    static bool run(void (*function)(), Type type, unsigned flags, const QString& title,
+                    const QString& name = QString(), const QString& group = QString());
+    static bool run(void (*function)(int& result, int argc, char** const argv), int& result, int argc,
+                    char** const argv, Type type, unsigned flags, const QString& title,
+                    const QString& name = QString(), const QString& group = QString());
+
+    // The calling thread's context, or null.
+    static Context* object();
+
+    static bool isValid();
+    static Type type();
+    static unsigned id();
+    static unsigned OSPid();
+    // The first call on a context gives 1.
+    static unsigned uniqueId();
+    // The first context's title and a blank.
+    static const QString& baseName();
+    static SecurityAttributes* security();
+    // "<tmp>/<pid:5>_<context:3>_<counter:4>"; no file is created.
+    static QString temporaryFileName();
+    // Milliseconds since 1970-01-01 00:00 UTC; 0 before that.
+    static unsigned long long systemTime();
+    // An interruption point for boost::thread.
+    static void sleep(unsigned long long milliseconds);
+    // Makes a name safe for a file: each of / ? < > \ : * | ^ becomes _<hex>_.
+    static QString crunchName(const QString& name);
+    static void traceHandles(TraceLevelE level);
+    // The messaging object of the thread's context; empty until messaging is up.
+    static boost::shared_ptr<Messaging> messaging();
+
+    const QString& title() const { return msTitle; }
+    const QString& name() const { return msName; }
+    const QString& group() const { return msGroup; }
+    unsigned flags() const { return muiFlags; }
+    Trace& trace() { return moTrace; }
+
+    operator OperatorBoolGenerator<Context>::Result() const
+    {
+        return OperatorBoolGenerator<Context>::make(meType != TypeInvalid);
+    }
+
+    // Version of the build, as dumps and trace files name it.
+    static QString version();
+
+    // Writes the crash dump of the calling thread; what the crash frame calls.
+    // `signal` is the fatal signal, `info` and `machineContext` what the
+    // handler got (both may be null). Only the first call of a process writes.
+    static void dump(int signal, const void* info, const void* machineContext);
+
+    ~Context();
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+
+private:
+    // Built by doRun, and by the library's own worker threads.
+    Context(Type type, unsigned flags, const QString& title, const QString& name, const QString& group);
+
+    static unsigned getId();
+    static void idInitialize();
+    static bool doRun(void (*function)(), Type type, unsigned flags, const QString& title, const QString& name,
+                      const QString& group);
+    static bool doRun(void (*function)(int&, int, char** const), int& result, int argc, char** const argv, Type type,
+                      unsigned flags, const QString& title, const QString& name, const QString& group);
+
+    void initialize();
+    void setTrace(const QString& title);
+    void setTraceFile(const QString& title, unsigned linesPerFile, unsigned filesToKeep);
+    // The messaging objects this context can have; empty where the messaging
+    // layer cannot provide them.
+    boost::shared_ptr<Messaging> createStandaloneMessaging();
+    boost::shared_ptr<Messaging> createAttachedMessaging(Type type, unsigned flags);
+
+    unsigned muiId = 0;
+    Type meType = TypeInvalid;
+    Trace moTrace;
+    boost::shared_ptr<Messaging> mptMessaging;
+    unsigned muiUniqueId = 0;
+    unsigned muiTemporaryFile = 0;
+    SecurityAttributes moSecurity;
+    QString msTitle;
+    QString msName;
+    QString msGroup;
+    unsigned muiFlags = 0;
+
+    static QString msBaseName;
+};
+
+} // namespace Brevi
+
+#endif
