@@ -246,7 +246,9 @@ void Trace::entry(int indent, const char* file, unsigned line)
     if (!mbLine)
         return;
     updateTimeText();
-    if (indent < 0 && msIndent.size() > -indent)
+    // A negative indent takes effect before its line, so that it lines up with
+    // the positive one it closes.
+    if (indent < 0 && msIndent.size() >= -indent)
         msIndent.chop(-indent);
     if (file != mpcLastFile) {
         mpcLastFile = file;

@@ -11,16 +11,15 @@
 namespace Brevi {
 namespace TraceFormat {
 
-// Strings other than `char const*` are quoted; an empty one is "(null)".
+// Strings other than `char const*` are quoted; an empty one reads "(null)".
 inline void writeString(QTextStream& stream, unsigned word, const QString& text, bool quoted)
 {
     Trace::setStreamFormat(stream, TraceFormatString, word);
-    if (text.isEmpty())
-        stream << "(null)";
-    else if (quoted)
-        stream << '\'' + text + '\'';
+    const QString& shown = text.isEmpty() ? QStringLiteral("(null)") : text;
+    if (quoted)
+        stream << '\'' + shown + '\'';
     else
-        stream << text;
+        stream << shown;
     stream.reset();
 }
 

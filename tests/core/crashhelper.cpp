@@ -1,0 +1,43 @@
+// A process that crashes inside Context::run in the way its argument asks:
+//   segv       a null pointer write on the main context's thread
+//   terminate  an exception nobody catches
+//   thread     a fault on a thread that has no context
+//   twice      two dumps asked for in one process, then a normal exit
+#include "core/context.h"
+
+#include <csignal>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+using namespace Brevi;
+
+namespace {
+const char* gMode = "";
+
+void crash()
+{
+    BREVI_TRACE(TraceModuleApplication, TraceAlways) << "about to crash in mode" << gMode;
+    if (std::strcmp(gMode, "segv") == 0) {
+        volatile int* nowhere = nullptr;
+        *nowhere = 1;
+    } else if (std::strcmp(gMode, "terminate") == 0) {
+        throw std::runtime_error("nobody catches this");
+    } else if (std::strcmp(gMode, "thread") == 0) {
+        std::thread worker([] {
+            volatile int* nowhere = nullptr;
+            *nowhere = 2;
+        });
+        worker.join();
+    } else if (std::strcmp(gMode, "twice") == 0) {
+        Context::dump(SIGSEGV, nullptr, nullptr);
+        Context::dump(SIGSEGV, nullptr, nullptr);
+    }
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    gMode = argc > 1 ? argv[1] : "";
+    return Context::run(crash, Context::Type(7), 0, QStringLiteral("Crash Test")) ? 0 : 3;
+}
