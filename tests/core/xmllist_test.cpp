@@ -2,6 +2,7 @@
 // and deep copies, iterators, and random trees through the text form.
 
 #include "core/buffer.h"
+#include "core/config.h"
 #include "core/machinename.h"
 #include "core/trace.h"
 #include "core/tracedump.h"
@@ -9,6 +10,7 @@
 #include "core/xmllist.h"
 
 #include <QRegularExpression>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -593,5 +595,30 @@ TEST_F(XmlListTest, RandomTreesSurviveTheTextFormAndClone)
         const XmlList copy = list.clone();
         list.clear();
         expectSameTree(tree, readBack(copy, copy.first()), "clone " + QString::number(seed));
+    }
+}
+
+TEST_F(XmlListTest, RandomTreesSurviveConfigSaveAndLoad)
+{
+    QTemporaryDir directory;
+    const QString path = directory.path() + "/tree.cfg";
+    for (unsigned seed = 1000; seed < 1040; ++seed) {
+        TreeMaker maker(seed);
+        std::vector<Node> tree = maker.level(0);
+        {
+            // A file of the empty list, so that the Config has a file to save to.
+            QFile root(path);
+            ASSERT_TRUE(root.open(QIODevice::WriteOnly | QIODevice::Truncate));
+            root.write("<brevixmllist/>");
+        }
+        Config config(path);
+        ASSERT_TRUE(config.isValid());
+        ASSERT_NO_FATAL_FAILURE(maker.store(config, XmlListIterator(), tree));
+        ASSERT_TRUE(config.save()) << "seed " << seed;
+
+        const Config read(path);
+        ASSERT_TRUE(read.isValid()) << "seed " << seed;
+        EXPECT_EQ(read.version(), 1);
+        expectSameTree(tree, readBack(read, read.first()), "config " + QString::number(seed));
     }
 }
