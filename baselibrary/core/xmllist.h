@@ -93,7 +93,7 @@ public:
     virtual ~XmlList();
 
     // False after fromBinary() of text that does not parse; then the document
-    // may have no root at all, and every get and set fails until clear() or a
+    // has no root at all, and every get and set fails until clear() or a
     // successful fromBinary().
     bool isValid() const { return mbValid; }
     operator OperatorBoolGenerator<XmlList>::Result() const { return OperatorBoolGenerator<XmlList>::make(mbValid); }
@@ -114,7 +114,8 @@ public:
     // Replaces the document with the parsed text (namespace processing on). An
     // empty array gives a valid empty list. Text that does not parse traces
     // "Error parsing XML at line" with line and column, leaves the list invalid
-    // and gives false: callers must test the result.
+    // with an empty document (no root) and gives false: callers must test the
+    // result.
     bool fromBinary(const QByteArray& bytes);
 
     // The document itself, shared with every copy of this list.

@@ -103,7 +103,8 @@ public:
     unsigned getCacheSize() const { return muiCacheSize; }
     // Blocks now held in memory, referenced or not.
     unsigned size() const { return unsigned(moHash.size()); }
-    quint64 fileSize() const { return moFile.size(); }
+    // The size of the open file, 0 while closed.
+    quint64 fileSize() const;
     quint64 hits() const { return mullHits; }
     quint64 misses() const { return mullMisses; }
     quint64 idMask() const { return mullIdMask; }

@@ -1,0 +1,597 @@
+// XmlList: the text form, the get/set rules with their strict types, sharing
+// and deep copies, iterators, and random trees through the text form.
+
+#include "core/buffer.h"
+#include "core/machinename.h"
+#include "core/trace.h"
+#include "core/tracedump.h"
+#include "core/traceposition.h"
+#include "core/xmllist.h"
+
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <functional>
+#include <random>
+
+using namespace Brevi;
+
+namespace {
+
+// A line of trace as read back: its level and its text.
+struct Line {
+    TraceLevelE level;
+    QString text;
+};
+
+// Every test owns a Trace on its thread with XMLLIST at full detail, so that
+// the lines of the list can be checked with their levels.
+class XmlListTest : public ::testing::Test
+{
+protected:
+    XmlListTest() { Trace::setLevel(TraceDebug, TraceModuleXmlList); }
+
+    // The lines written by `action`.
+    std::vector<Line> linesOf(const std::function<void()>& action)
+    {
+        TracePosition start(true);
+        action();
+        TraceDump dump(nullptr, &start, nullptr);
+        std::vector<Line> lines;
+        while (auto entry = dump.popEntry())
+            lines.push_back({ entry->getLevel(), entry->getMessage() });
+        return lines;
+    }
+
+    // True when `action` wrote exactly one line, at `level`, containing `text`.
+    ::testing::AssertionResult tracesOnce(const std::function<void()>& action, TraceLevelE level, const QString& text)
+    {
+        const std::vector<Line> lines = linesOf(action);
+        if (lines.size() == 1 && lines[0].level == level && lines[0].text.contains(text))
+            return ::testing::AssertionSuccess();
+        auto failure = ::testing::AssertionFailure()
+            << "expected one line at level " << level << " with \"" << text.toStdString() << "\", got:";
+        for (const Line& line : lines)
+            failure << "\n  [" << line.level << "] " << line.text.toStdString();
+        return failure;
+    }
+
+    Trace moTrace;
+};
+
+// A start tag with its attributes in name order, since QDomDocument prints them
+// in an order that changes from one process to the next.
+QString sortedAttributes(const QString& line)
+{
+    static const QRegularExpression tag(QStringLiteral("^(\\s*<\\w+)((?:\\s+\\w+=\"[^\"]*\")+)(/?>.*)$"));
+    const QRegularExpressionMatch match = tag.match(line);
+    if (!match.hasMatch())
+        return line;
+    QStringList attributes = match.captured(2).split(' ', Qt::SkipEmptyParts);
+    attributes.sort();
+    return match.captured(1) + ' ' + attributes.join(' ') + match.captured(3);
+}
+
+QStringList normalisedLines(const QByteArray& text)
+{
+    QStringList lines = QString::fromUtf8(text).split('\n');
+    for (QString& line : lines)
+        line = sortedAttributes(line);
+    return lines;
+}
+
+} // namespace
+
+TEST_F(XmlListTest, TextFormIsTheDocumentWithIndentOne)
+{
+    XmlList disks;
+    ASSERT_TRUE(disks.set("Size", 7u, XmlList::SetModify));
+    XmlList list;
+    ASSERT_TRUE(list.set("Host", "a", XmlList::SetModify));
+    ASSERT_TRUE(list.set("Disks", disks, XmlList::SetModify));
+
+    EXPECT_EQ(normalisedLines(list.toBinary()),
+        QStringList(
+            { "<brevixmllist>", " <item argtype=\"single\" name=\"Host\">", "  <value type=\"string\">a</value>",
+                " </item>", " <item argtype=\"list\" name=\"Disks\">", "  <item argtype=\"single\" name=\"Size\">",
+                "   <value type=\"uint32\">7</value>", "  </item>", " </item>", "</brevixmllist>", "" }));
+
+    XmlList read;
+    ASSERT_TRUE(read.fromBinary(list.toBinary()));
+    QString host;
+    XmlList readDisks;
+    unsigned size = 0;
+    EXPECT_TRUE(read.get(host, "Host"));
+    EXPECT_EQ(host, "a");
+    ASSERT_TRUE(read.get(readDisks, "Disks"));
+    EXPECT_TRUE(readDisks.get(size, "Size"));
+    EXPECT_EQ(size, 7u);
+}
+
+TEST_F(XmlListTest, EmptyListCostsNoBytes)
+{
+    XmlList list;
+    EXPECT_TRUE(list.isValid());
+    EXPECT_TRUE(list.isEmpty());
+    EXPECT_EQ(list.toBinary(), QByteArray());
+
+    list.set("A", 1);
+    ASSERT_TRUE(list.fromBinary(QByteArray()));
+    EXPECT_TRUE(list.isValid());
+    EXPECT_TRUE(list.isEmpty());
+    EXPECT_EQ(list.size(), 0);
+}
+
+TEST_F(XmlListTest, EveryTypeKeepsItsValue)
+{
+    const QByteArray bytes("\0\x01\xff binary", 10);
+    XmlList list;
+    ASSERT_TRUE(list.set("s", QStringLiteral("Grüße <&> \"q\"")));
+    ASSERT_TRUE(list.set("latin", "caf\xe9"));
+    ASSERT_TRUE(list.set("u32", UINT_MAX));
+    ASSERT_TRUE(list.set("i32", INT_MIN));
+    ASSERT_TRUE(list.set("u64", ULLONG_MAX));
+    ASSERT_TRUE(list.set("i64", LLONG_MIN));
+    ASSERT_TRUE(list.set("t", true));
+    ASSERT_TRUE(list.set("f", false));
+    ASSERT_TRUE(list.set("data", bytes));
+    ASSERT_TRUE(list.set("extent", Extent(bytes.constData(), 3)));
+    ASSERT_TRUE(list.set("machine", "node@id"));
+
+    XmlList read;
+    ASSERT_TRUE(read.fromBinary(list.toBinary()));
+    QString s, latin;
+    unsigned u32 = 0;
+    int i32 = 0;
+    unsigned long long u64 = 0;
+    long long i64 = 0;
+    bool t = false, f = true;
+    QByteArray data;
+    Buffer extent;
+    MachineName machine;
+    EXPECT_TRUE(read.get(s, "s"));
+    EXPECT_EQ(s, QStringLiteral("Grüße <&> \"q\""));
+    EXPECT_TRUE(read.get(latin, "latin"));
+    EXPECT_EQ(latin, QStringLiteral("café"));
+    EXPECT_TRUE(read.get(u32, "u32"));
+    EXPECT_EQ(u32, UINT_MAX);
+    EXPECT_TRUE(read.get(i32, "i32"));
+    EXPECT_EQ(i32, INT_MIN);
+    EXPECT_TRUE(read.get(u64, "u64"));
+    EXPECT_EQ(u64, ULLONG_MAX);
+    EXPECT_TRUE(read.get(i64, "i64"));
+    EXPECT_EQ(i64, LLONG_MIN);
+    EXPECT_TRUE(read.get(t, "t"));
+    EXPECT_TRUE(t);
+    EXPECT_TRUE(read.get(f, "f"));
+    EXPECT_FALSE(f);
+    EXPECT_TRUE(read.get(data, "data"));
+    EXPECT_EQ(data, bytes);
+    EXPECT_TRUE(read.get(extent, "extent"));
+    EXPECT_EQ(extent.toQByteArray(), bytes.left(3));
+    EXPECT_TRUE(read.get(machine, "machine"));
+    EXPECT_EQ(machine.nodeName(), "node");
+    EXPECT_EQ(machine.hash(), MachineName("node@id").hash());
+    EXPECT_EQ(read.first("t").type(), XmlList::ValueBool);
+    EXPECT_EQ(read.first("data").type(), XmlList::ValueData);
+}
+
+TEST_F(XmlListTest, CreateRepeatsAndModifyChangesTheFirst)
+{
+    XmlList list;
+    ASSERT_TRUE(list.set("A", 1u, XmlList::SetCreate));
+    ASSERT_TRUE(list.set("A", 2u, XmlList::SetCreate));
+    EXPECT_EQ(list.size(), 2);
+    unsigned value = 0;
+    EXPECT_TRUE(list.get(value, "A"));
+    EXPECT_EQ(value, 1u);
+
+    ASSERT_TRUE(list.set("A", 5u, XmlList::SetModify));
+    EXPECT_EQ(list.size(), 2);
+    XmlListIterator it = list.first("A");
+    EXPECT_EQ(it.getUint32(), 5u);
+    EXPECT_EQ(it.next("A").getUint32(), 2u);
+    EXPECT_TRUE(it.next("A").isNull());
+}
+
+TEST_F(XmlListTest, TypesAreMatchedStrictly)
+{
+    XmlList list;
+    list.set("A", "x");
+    list.set("N", 1u);
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.set("A", 1u, XmlList::SetModify)); }, TraceAlways,
+        "config item is not a 'uint32' argument type"));
+    QString text;
+    EXPECT_TRUE(list.get(text, "A"));
+    EXPECT_EQ(text, "x");
+
+    int signedValue = 42;
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(signedValue, "N")); }, TraceAlways, "is not a 'int32' type"));
+    EXPECT_EQ(signedValue, 42) << "a failed get leaves the target alone";
+
+    XmlList nested;
+    EXPECT_TRUE(tracesOnce(
+        [&] { EXPECT_FALSE(list.set("N", nested, XmlList::SetModify)); }, TraceAlways, "is not a list type"));
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(nested, "A")); }, TraceAlways, "it is not of type list"));
+}
+
+TEST_F(XmlListTest, MissingItemsAndBadNamesAreTracedAtTheirLevels)
+{
+    XmlList list;
+    unsigned value = 9;
+    EXPECT_TRUE(tracesOnce(
+        [&] { EXPECT_FALSE(list.get(value, "Absent")); }, TraceVerbose, "Failed to find config item to get 'Absent'"));
+    EXPECT_EQ(value, 9u);
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(value, "")); }, TraceAlways, "Invalid configitem name"));
+    EXPECT_TRUE(tracesOnce(
+        [&] { EXPECT_FALSE(list.set("", 1u)); }, TraceAlways, "Failed to set uint32 value, config name invalid"));
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.set("", XmlList())); }, TraceAlways, "Invalid item name"));
+    EXPECT_FALSE(list.remove("Absent"));
+    EXPECT_EQ(list.size(), 0);
+}
+
+TEST_F(XmlListTest, BoolReadsOnesZerosAndWordsInAnyCase)
+{
+    XmlList list;
+    ASSERT_TRUE(list.fromBinary("<brevixmllist>"
+                                "<item argtype=\"single\" name=\"a\"><value type=\"bool\">TRUE</value></item>"
+                                "<item argtype=\"single\" name=\"b\"><value type=\"bool\">1</value></item>"
+                                "<item argtype=\"single\" name=\"c\"><value type=\"bool\">fAlSe</value></item>"
+                                "<item argtype=\"single\" name=\"d\"><value type=\"bool\">yes</value></item>"
+                                "<item argtype=\"single\" name=\"n\"><value type=\"int32\">12abc</value></item>"
+                                "</brevixmllist>"));
+    bool value = false;
+    EXPECT_TRUE(list.get(value, "a") && value);
+    EXPECT_TRUE(list.get(value, "b") && value);
+    EXPECT_TRUE(list.get(value, "c") && !value);
+    value = true;
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_TRUE(list.get(value, "d")); }, TraceAlways,
+        "Invalid bool value needs to be 1, true, True, TRUE or 0, false, False, FALSE not 'yes'"));
+    EXPECT_FALSE(value);
+
+    int number = 7;
+    EXPECT_TRUE(list.get(number, "n")) << "a number that does not parse is still found";
+    EXPECT_EQ(number, 0);
+}
+
+TEST_F(XmlListTest, EmptyStringLosesItsTextNodeInTheTextForm)
+{
+    XmlList list;
+    ASSERT_TRUE(list.set("E", QString(), XmlList::SetModify));
+    ASSERT_TRUE(list.set("E", QString("before"), XmlList::SetModify)) << "still in memory: replaceable";
+    ASSERT_TRUE(list.set("E", QString(), XmlList::SetModify));
+
+    XmlList read;
+    ASSERT_TRUE(read.fromBinary(list.toBinary()));
+    QString text = "unchanged";
+    EXPECT_TRUE(read.get(text, "E"));
+    EXPECT_EQ(text, "");
+    EXPECT_FALSE(read.set("E", QString("x"), XmlList::SetModify));
+    EXPECT_EQ(read.size(), 1);
+}
+
+TEST_F(XmlListTest, NamesNeedEscapingSurviveTheTextForm)
+{
+    const QStringList names = { "a<b", "q\"uote", "apos'", "amp&", "two words", "line\nbreak", "tab\tstop", "ü" };
+    XmlList list;
+    for (int i = 0; i < names.size(); ++i)
+        ASSERT_TRUE(list.set(names[i], i, XmlList::SetCreate));
+    XmlList read;
+    ASSERT_TRUE(read.fromBinary(list.toBinary()));
+    for (int i = 0; i < names.size(); ++i) {
+        int value = -1;
+        EXPECT_TRUE(read.get(value, names[i])) << names[i].toStdString();
+        EXPECT_EQ(value, i);
+    }
+}
+
+TEST_F(XmlListTest, CopiesShareAndClonesAndStoredListsDoNot)
+{
+    XmlList list;
+    list.set("A", 1u);
+    XmlList copy = list;
+    XmlList deep = list.clone();
+    copy.set("B", 2u);
+    EXPECT_EQ(list.size(), 2) << "a copy writes into the same document";
+    EXPECT_EQ(deep.size(), 1);
+    deep.set("A", 9u);
+    unsigned value = 0;
+    list.get(value, "A");
+    EXPECT_EQ(value, 1u);
+
+    XmlList holder;
+    holder.set("L", list);
+    list.set("C", 3u);
+    XmlList stored;
+    ASSERT_TRUE(holder.get(stored, "L"));
+    EXPECT_EQ(stored.size(), 2) << "the list was stored by value";
+
+    // A list stored into itself copies what it held before.
+    list.set("Self", list, XmlList::SetCreate);
+    XmlList self;
+    ASSERT_TRUE(list.get(self, "Self"));
+    EXPECT_EQ(self.size(), 3);
+}
+
+TEST_F(XmlListTest, GetListAppendsToTheTarget)
+{
+    XmlList inner;
+    inner.set("X", 1);
+    XmlList list;
+    list.set("L", inner);
+    XmlList target;
+    target.set("Mine", 0);
+    ASSERT_TRUE(list.get(target, "L"));
+    EXPECT_EQ(target.size(), 2);
+    EXPECT_EQ(target.first().name(), "Mine");
+    EXPECT_EQ(target.first().next().name(), "X");
+
+    // SetModify on a list refills it.
+    XmlList other;
+    other.set("Y", 2);
+    other.set("Z", 3);
+    ASSERT_TRUE(list.set("L", other, XmlList::SetModify));
+    EXPECT_EQ(list.size(), 1);
+    EXPECT_EQ(list.first("L").getXmlList().size(), 2);
+}
+
+TEST_F(XmlListTest, IteratorWalksStepsInAndEditsInPlace)
+{
+    XmlList list;
+    list.set("Host", "a");
+    list.set("Disks", XmlList());
+    XmlListIterator disks = list.first("Disks");
+    ASSERT_TRUE(list.create(disks, "Size", 7u));
+    ASSERT_TRUE(list.create(disks, "Size", 8u));
+    ASSERT_TRUE(list.create(disks, "Label", "C"));
+    XmlList deeper;
+    deeper.set("Depth", 2);
+    ASSERT_TRUE(list.create(disks, "Sub", deeper));
+    EXPECT_TRUE(tracesOnce(
+        [&] { EXPECT_FALSE(list.create(list.first("Host"), "X", 1u)); }, TraceAlways, "Failed to create item"));
+
+    XmlListIterator it = list.first();
+    EXPECT_EQ(it.name(), "Host");
+    EXPECT_EQ(it.type(), XmlList::ValueString);
+    EXPECT_FALSE(it.isLast());
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_TRUE(it.listIterator().isNull()); }, TraceAlways, "This is a"));
+    it.next();
+    EXPECT_TRUE(it.isLast());
+    EXPECT_EQ(it.type(), XmlList::ValueList);
+    EXPECT_EQ(it.getUint32("Size"), 7u);
+    EXPECT_EQ(it.getString("Label"), "C");
+    EXPECT_EQ(it.getXmlList("Sub").first().getInt32(), 2);
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_EQ(it.getString("Nothing"), ""); }, TraceVerbose, "Failed to find"));
+    EXPECT_EQ(it.getString("Size"), "") << "wrong type reads empty";
+
+    XmlListIterator size = it.listIterator("Size");
+    ASSERT_TRUE(list.modify(size, 70u));
+    EXPECT_FALSE(list.modify(size, -1)) << "the type does not change";
+    unsigned value = 0;
+    ASSERT_TRUE(list.get(value, size));
+    EXPECT_EQ(value, 70u);
+
+    // Removing another item leaves the iterator where it stands.
+    XmlListIterator label = it.listIterator("Label");
+    it.listIterator().next().remove();
+    EXPECT_EQ(label.getString(), "C");
+    EXPECT_EQ(list.first("Disks").getXmlList().size(), 3);
+
+    ASSERT_TRUE(list.modify(it, deeper));
+    EXPECT_EQ(list.first("Disks").getXmlList().size(), 1);
+    EXPECT_TRUE(list.first().next("").isNull());
+
+    for (XmlListIterator walk = list.first(); !walk.isNull();)
+        walk.remove();
+    EXPECT_EQ(list.size(), 0);
+    EXPECT_TRUE(list.first().isNull());
+}
+
+TEST_F(XmlListTest, BrokenTextLeavesAnInvalidListThatRecovers)
+{
+    for (const QByteArray& text : { QByteArray("<brevixmllist><item argtype=\"single\" name=\"A\">"),
+             QByteArray("not xml at all"), QByteArray("<a></b>"), QByteArray("\0\1\2", 3) }) {
+        XmlList list;
+        list.set("Before", 1);
+        XmlList copy = list;
+        const std::vector<Line> lines = linesOf([&] { EXPECT_FALSE(list.fromBinary(text)); });
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines[0].level, TraceAlways);
+        EXPECT_TRUE(lines[0].text.startsWith("Error parsing XML at line")) << lines[0].text.toStdString();
+        EXPECT_FALSE(list.isValid());
+        EXPECT_FALSE(list);
+        int value = 0;
+        EXPECT_FALSE(list.get(value, "Before"));
+        EXPECT_FALSE(list.set("After", 2));
+        EXPECT_TRUE(list.toBinary().isEmpty());
+
+        EXPECT_TRUE(list.clear());
+        EXPECT_TRUE(list.isValid());
+        EXPECT_TRUE(list.set("After", 2));
+        EXPECT_EQ(copy.size(), 1) << "the copy shares the recovered document";
+    }
+}
+
+// --- random trees through the text form ---------------------------------------
+
+namespace {
+
+// An independent description of a tree: what was stored, to compare with what
+// an XmlList gives back.
+struct Node {
+    QString name;
+    XmlList::ValueTypeE type = XmlList::ValueUnknown;
+    QString text; // the canonical text of a single value
+    std::vector<Node> children;
+};
+
+class TreeMaker
+{
+public:
+    explicit TreeMaker(unsigned seed)
+        : moRandom(seed)
+    { }
+
+    std::vector<Node> level(int depth)
+    {
+        std::vector<Node> nodes(pick(0, 8));
+        for (Node& node : nodes) {
+            node.name = string(1, 12);
+            node.type = XmlList::ValueTypeE(pick(depth < 3 ? 1 : 2, 8));
+            if (node.type == XmlList::ValueList)
+                node.children = level(depth + 1);
+        }
+        return nodes;
+    }
+
+    // Adds the nodes with every set/create family, and fills in their texts.
+    void store(XmlList& list, const XmlListIterator& parent, std::vector<Node>& nodes)
+    {
+        for (Node& node : nodes) {
+            if (node.type == XmlList::ValueList) {
+                XmlList inner;
+                TreeMaker(unsigned(moRandom())).store(inner, XmlListIterator(), node.children);
+                ASSERT_TRUE(parent.isNull() ? list.set(node.name, inner, XmlList::SetCreate)
+                                            : list.create(parent, node.name, inner));
+                continue;
+            }
+            auto add = [&](auto value, const QString& text) {
+                node.text = text;
+                ASSERT_TRUE(parent.isNull() ? list.set(node.name, value, XmlList::SetCreate)
+                                            : list.create(parent, node.name, value));
+            };
+            switch (node.type) {
+            case XmlList::ValueString: {
+                const QString text = string(1, 20);
+                add(text, text);
+                break;
+            }
+            case XmlList::ValueInt32: {
+                const int value = int(moRandom());
+                add(value, QString::number(value));
+                break;
+            }
+            case XmlList::ValueUint32: {
+                const unsigned value = unsigned(moRandom());
+                add(value, QString::number(value));
+                break;
+            }
+            case XmlList::ValueInt64: {
+                const long long value = (long long)(moRandom() << 32 | moRandom());
+                add(value, QString::number(value));
+                break;
+            }
+            case XmlList::ValueUint64: {
+                const unsigned long long value = moRandom() << 32 | moRandom();
+                add(value, QString::number(value));
+                break;
+            }
+            case XmlList::ValueBool: {
+                const bool value = moRandom() & 1;
+                add(value, value ? "1" : "0");
+                break;
+            }
+            default: {
+                QByteArray bytes(pick(0, 40), '\0');
+                for (char& c : bytes)
+                    c = char(moRandom());
+                add(bytes, QString::fromLatin1(bytes.toHex()));
+                break;
+            }
+            }
+        }
+    }
+
+private:
+    int pick(int low, int high) { return low + int(moRandom() % unsigned(high - low + 1)); }
+
+    // Text that the XML form keeps: markup characters, quotes, blanks and
+    // non-ASCII, but never only blanks and never a carriage return, which the
+    // parser folds into a line feed.
+    QString string(int minimum, int maximum)
+    {
+        static const QString alphabet = QStringLiteral("abcXYZ019 <>&\"'\t\n;=/éü€中");
+        QString text;
+        const int length = pick(minimum, maximum);
+        for (int i = 0; i < length; ++i)
+            text += alphabet[pick(0, alphabet.size() - 1)];
+        if (text.trimmed().isEmpty())
+            text += 'x';
+        return text;
+    }
+
+    std::mt19937_64 moRandom;
+};
+
+// The tree an iterator walk finds, reading each value through the get family.
+std::vector<Node> readBack(const XmlList& list, XmlListIterator it)
+{
+    std::vector<Node> nodes;
+    for (; !it.isNull(); it.next()) {
+        Node node;
+        node.name = it.name();
+        node.type = it.type();
+        switch (node.type) {
+        case XmlList::ValueList:
+            node.children = readBack(list, it.listIterator());
+            break;
+        case XmlList::ValueString:
+            EXPECT_TRUE(list.get(node.text, it));
+            break;
+        case XmlList::ValueInt32:
+            node.text = QString::number(it.getInt32());
+            break;
+        case XmlList::ValueUint32:
+            node.text = QString::number(it.getUint32());
+            break;
+        case XmlList::ValueInt64:
+            node.text = QString::number(it.getInt64());
+            break;
+        case XmlList::ValueUint64:
+            node.text = QString::number(it.getUint64());
+            break;
+        case XmlList::ValueBool:
+            node.text = it.getBool() ? "1" : "0";
+            break;
+        default:
+            node.text = QString::fromLatin1(it.getQByteArray().toHex());
+            break;
+        }
+        nodes.push_back(node);
+    }
+    return nodes;
+}
+
+void expectSameTree(const std::vector<Node>& expected, const std::vector<Node>& actual, const QString& path)
+{
+    ASSERT_EQ(expected.size(), actual.size()) << path.toStdString();
+    for (size_t i = 0; i < expected.size(); ++i) {
+        const QString here = path + '/' + QString::number(i);
+        EXPECT_EQ(expected[i].name, actual[i].name) << here.toStdString();
+        EXPECT_EQ(expected[i].type, actual[i].type) << here.toStdString();
+        EXPECT_EQ(expected[i].text, actual[i].text) << here.toStdString();
+        expectSameTree(expected[i].children, actual[i].children, here);
+    }
+}
+
+} // namespace
+
+TEST_F(XmlListTest, RandomTreesSurviveTheTextFormAndClone)
+{
+    Trace::setLevel(TraceAlways, TraceModuleXmlList);
+    for (unsigned seed = 1; seed <= 150; ++seed) {
+        TreeMaker maker(seed);
+        std::vector<Node> tree = maker.level(0);
+        XmlList list;
+        ASSERT_NO_FATAL_FAILURE(maker.store(list, XmlListIterator(), tree));
+
+        XmlList read;
+        ASSERT_TRUE(read.fromBinary(list.toBinary())) << "seed " << seed;
+        expectSameTree(tree, readBack(read, read.first()), "seed " + QString::number(seed));
+        const XmlList copy = list.clone();
+        list.clear();
+        expectSameTree(tree, readBack(copy, copy.first()), "clone " + QString::number(seed));
+    }
+}
