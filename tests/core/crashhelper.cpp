@@ -10,24 +10,30 @@
 #include <stdexcept>
 #include <thread>
 
+#include <sys/mman.h>
+
 using namespace Brevi;
 
 namespace {
 const char* gMode = "";
 
+// A write to a read-only page: a real fault, which neither sanitizer treats as
+// its own finding, so that the crash frame sees it in every build.
+void fault()
+{
+    void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    *static_cast<volatile int*>(page) = 1;
+}
+
 void crash()
 {
     BREVI_TRACE(TraceModuleApplication, TraceAlways) << "about to crash in mode" << gMode;
     if (std::strcmp(gMode, "segv") == 0) {
-        volatile int* nowhere = nullptr;
-        *nowhere = 1;
+        fault();
     } else if (std::strcmp(gMode, "terminate") == 0) {
         throw std::runtime_error("nobody catches this");
     } else if (std::strcmp(gMode, "thread") == 0) {
-        std::thread worker([] {
-            volatile int* nowhere = nullptr;
-            *nowhere = 2;
-        });
+        std::thread worker(fault);
         worker.join();
     } else if (std::strcmp(gMode, "twice") == 0) {
         Context::dump(SIGSEGV, nullptr, nullptr);
