@@ -437,3 +437,27 @@ TEST_F(BlocksTest, CheckerFindsDuplicateAndDirtyFreeBlocks)
     EXPECT_FALSE(BlockFileCheck::checkBlockFile(file, report));
     EXPECT_TRUE(report.problems.join(" ").contains("free block 4 is not zero"));
 }
+
+TEST_F(BlocksTest, AFileCutShortGivesNullForTheMissingBlocks)
+{
+    const QString file = path("cut");
+    {
+        Blocks blocks;
+        ASSERT_TRUE(blocks.create(file, 64, 0, 64 * 16, RawFile::eReadWrite));
+        for (int i = 0; i < 3; ++i) {
+            quint64 id = 0;
+            blocks.returnBlock(blocks.newBlock(id), true);
+        }
+    }
+    QFile::resize(file, 64 * 2 + 10);
+    BlockFileReport report;
+    EXPECT_FALSE(BlockFileCheck::checkBlockFile(file, report));
+    EXPECT_TRUE(report.problems.join(" ").contains("beyond the end of the file"));
+
+    Blocks blocks;
+    ASSERT_TRUE(blocks.open(file, 0, RawFile::eReadWrite)) << "the control record is whole";
+    EXPECT_NE(blocks.getBlock(1), nullptr);
+    EXPECT_EQ(blocks.getBlock(2), nullptr) << "only part of it is left";
+    EXPECT_EQ(blocks.getBlock(3), nullptr);
+    EXPECT_TRUE(traced("not in file"));
+}
