@@ -8,7 +8,6 @@
 #include "tracelines.h"
 
 using namespace Brevi;
-using BreviTest::MessagingTraceTest;
 
 namespace {
 
@@ -23,9 +22,7 @@ MsgRoute routeOf(const QStringList& hops)
 QStringList hopsOf(const MsgRoute& route)
 {
     QStringList hops;
-    if (!route)
-        return hops;
-    for (unsigned n = 1; n <= route.length(); ++n)
+    for (unsigned n = 1; route && n <= route.length(); ++n)
         hops << route.hopName(n).string();
     return hops;
 }
@@ -38,39 +35,25 @@ unsigned hashOf(const QStringList& hops)
     return hash;
 }
 
-class MsgRouteTest : public MessagingTraceTest
-{
-};
+using MsgRouteTest = BreviTest::MessagingTraceTest;
 
 } // namespace
-
-TEST_F(MsgRouteTest, InvalidRouteIsOneEmptyHop)
-{
-    const MsgRoute route;
-    EXPECT_FALSE(route);
-    EXPECT_EQ(route.length(), 1u);
-    EXPECT_TRUE(route.destination().isEmpty());
-    EXPECT_EQ(route.hash(), MachineName().hash());
-    EXPECT_FALSE(MsgRoute(MachineName("a/b")));
-    EXPECT_FALSE(MsgRoute(MachineName()));
-    EXPECT_EQ(MsgRoute(MachineName("a/b")), route);
-}
 
 TEST_F(MsgRouteTest, HopsFollowTheRulesAndTheHashFollowsTheHops)
 {
     MsgRoute route;
+    EXPECT_FALSE(route);
+    EXPECT_EQ(route.length(), 1u) << "the invalid route is one empty hop";
+    EXPECT_EQ(route.hash(), MachineName().hash());
     ASSERT_TRUE(route.append(MachineName("B")));
-    EXPECT_TRUE(route);
-    EXPECT_EQ(route.length(), 1u) << "the empty hop of the invalid route is gone";
+    EXPECT_EQ(route.length(), 1u);
     EXPECT_EQ(route.hash(), MachineName("B").hash());
 
     EXPECT_TRUE(route.append(MachineName("C")));
     EXPECT_TRUE(route.prepend(MachineName("A")));
     EXPECT_EQ(hopsOf(route), QStringList({ "A", "B", "C" }));
     EXPECT_EQ(route.hash(), hashOf({ "A", "B", "C" }));
-    EXPECT_EQ(route.destination().string(), "C");
     EXPECT_EQ(route.hopName(0).string(), "C");
-    EXPECT_EQ(route.hopName(1).string(), "A");
     EXPECT_TRUE(route.hopName(4).isEmpty());
 
     const MsgRoute before = route;
@@ -81,22 +64,19 @@ TEST_F(MsgRouteTest, HopsFollowTheRulesAndTheHashFollowsTheHops)
     EXPECT_EQ(route, before);
     EXPECT_EQ(route.hash(), before.hash());
     EXPECT_NE(route, routeOf({ "C", "B", "A" })) << "order counts";
+    EXPECT_FALSE(MsgRoute(MachineName("a/b")));
 }
 
 TEST_F(MsgRouteTest, TwentySeventhHopIsRefused)
 {
     MsgRoute route;
-    QStringList hops;
-    for (int i = 0; i < 26; ++i) {
-        hops << QStringLiteral("node%1@%1").arg(i);
-        ASSERT_TRUE(route.append(MachineName(hops.last())));
-    }
+    for (int i = 0; i < 26; ++i)
+        ASSERT_TRUE(route.append(MachineName(QStringLiteral("node%1@%1").arg(i))));
     const MsgRoute full = route;
     EXPECT_FALSE(route.append(MachineName("one@more")));
     EXPECT_FALSE(route.prepend(MachineName("one@more")));
     EXPECT_EQ(route, full);
     EXPECT_EQ(route.length(), 26u);
-    EXPECT_EQ(hopsOf(route), hops);
 }
 
 TEST_F(MsgRouteTest, ReturnRouteReversesTheHopsBeforeTheReceiver)
@@ -106,30 +86,20 @@ TEST_F(MsgRouteTest, ReturnRouteReversesTheHopsBeforeTheReceiver)
     EXPECT_EQ(hopsOf(back), QStringList({ "B", "A", "S" }));
     EXPECT_EQ(back.hash(), hashOf({ "B", "A", "S" }));
     EXPECT_EQ(hopsOf(route.returnRoute(MachineName("C"), 0)), QStringList({ "B", "A", "C" }));
-    EXPECT_EQ(hopsOf(route.returnRoute(MachineName("S"), 3)), QStringList({ "B", "A", "S" }));
     EXPECT_EQ(hopsOf(route.returnRoute(MachineName("S"), 2)), QStringList({ "A", "S" }));
     EXPECT_EQ(hopsOf(route.returnRoute(MachineName("S"), 1)), QStringList({ "S" }));
-    EXPECT_EQ(hopsOf(routeOf({ "C" }).returnRoute(MachineName("S"), 0)), QStringList({ "S" }));
-
     EXPECT_FALSE(route.returnRoute(MachineName("A"), 0)) << "A already stands in the way back";
-}
 
-TEST_F(MsgRouteTest, ReturnRouteRefusesBadInputWithItsLine)
-{
-    const MsgRoute route = routeOf({ "A", "B", "C" });
-    MsgRoute back = route;
+    MsgRoute refused = route;
     EXPECT_TRUE(
-        traces([&] { back = MsgRoute().returnRoute(MachineName("S"), 0); }, TraceAlways, "Source route is invalid"));
-    EXPECT_FALSE(back);
-    EXPECT_TRUE(
-        traces([&] { back = route.returnRoute(MachineName("x/y"), 0); }, TraceAlways, "Invalid source machine name"));
-    EXPECT_FALSE(back);
-    EXPECT_TRUE(
-        traces([&] { back = route.returnRoute(MachineName(), 0); }, TraceAlways, "Invalid source machine name"));
-    EXPECT_FALSE(back);
-    EXPECT_TRUE(traces([&] { back = route.returnRoute(MachineName("S"), 4); }, TraceAlways, "too large, max"));
-    EXPECT_FALSE(back);
-    EXPECT_EQ(hopsOf(route), QStringList({ "A", "B", "C" })) << "the route itself is untouched";
+        traces([&] { refused = MsgRoute().returnRoute(MachineName("S"), 0); }, TraceAlways, "Source route is invalid"));
+    EXPECT_FALSE(refused);
+    EXPECT_TRUE(traces(
+        [&] { refused = route.returnRoute(MachineName("x/y"), 0); }, TraceAlways, "Invalid source machine name"));
+    EXPECT_FALSE(refused);
+    EXPECT_TRUE(traces([&] { refused = route.returnRoute(MachineName("S"), 4); }, TraceAlways, "too large, max"));
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(hopsOf(route), QStringList({ "A", "B", "C" }));
 }
 
 TEST_F(MsgRouteTest, XmlFormRoundTripsAndRefusesWhatIsOutOfPlace)
@@ -137,9 +107,7 @@ TEST_F(MsgRouteTest, XmlFormRoundTripsAndRefusesWhatIsOutOfPlace)
     const MsgRoute route = routeOf({ "first@1", "Grüße@2", "last@3" });
     XmlList text;
     ASSERT_TRUE(text.fromBinary(route.toXml().toBinary()));
-    const MsgRoute read(text);
-    EXPECT_EQ(read, route);
-    EXPECT_EQ(read.hash(), route.hash());
+    EXPECT_EQ(MsgRoute(text), route);
 
     // Items other than string "Machine" ones are passed over.
     XmlList mixed;
@@ -153,16 +121,12 @@ TEST_F(MsgRouteTest, XmlFormRoundTripsAndRefusesWhatIsOutOfPlace)
     XmlList wrongName = route.toXml();
     wrongName.set("BreviObjectName", "MsgAddress");
     EXPECT_FALSE(MsgRoute(wrongName));
-    XmlList noName = route.toXml();
-    noName.remove("BreviObjectName");
-    EXPECT_FALSE(MsgRoute(noName));
     XmlList noHops;
     noHops.set("BreviObjectName", "MsgRoute");
     EXPECT_FALSE(MsgRoute(noHops));
-    for (const char* bad : { "A", "x/y", "" }) {
-        XmlList twice = route.toXml();
-        twice.set("Machine", "A", XmlList::SetCreate);
-        twice.set("Machine", bad, XmlList::SetCreate);
-        EXPECT_FALSE(MsgRoute(twice)) << bad;
+    for (const char* bad : { "first@1", "x/y", "" }) {
+        XmlList xml = route.toXml();
+        xml.set("Machine", bad, XmlList::SetCreate);
+        EXPECT_FALSE(MsgRoute(xml)) << bad;
     }
 }
