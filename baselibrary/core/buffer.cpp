@@ -29,9 +29,14 @@ void Buffer::allocateExactly(unsigned n)
 Buffer::Buffer(const void* source, unsigned n) { copyView(Extent(source, n), n); }
 Buffer::Buffer(const QByteArray& source) { copyView(Extent(source), unsigned(source.size())); }
 Buffer::Buffer(const Extent& source) { copyView(source, source.size()); }
-Buffer::Buffer(const Buffer& other) : Extent() { copyView(other, other.available()); }
+Buffer::Buffer(const Buffer& other)
+    : Extent()
+{
+    copyView(other, other.available());
+}
 
-Buffer::Buffer(Buffer&& other) noexcept : Extent()
+Buffer::Buffer(Buffer&& other) noexcept
+    : Extent()
 {
     std::swap(mpData, other.mpData);
     std::swap(muiSize, other.muiSize);

@@ -106,7 +106,8 @@ unsigned Context::getId()
 }
 
 Context::Context(Type type, unsigned flags, const QString& title, const QString& name, const QString& group)
-    : msTitle(title), muiFlags(flags)
+    : msTitle(title)
+    , muiFlags(flags)
 {
     muiId = getId();
     if (FixedPath::home().isEmpty()) {
@@ -272,7 +273,8 @@ unsigned long long Context::systemTime()
     timespec now;
     if (clock_gettime(CLOCK_REALTIME, &now) != 0 || now.tv_sec < 0)
         return 0;
-    return static_cast<unsigned long long>(now.tv_sec) * 1000ull + static_cast<unsigned long long>(now.tv_nsec) / 1000000ull;
+    return static_cast<unsigned long long>(now.tv_sec) * 1000ull +
+           static_cast<unsigned long long>(now.tv_nsec) / 1000000ull;
 }
 
 void Context::sleep(unsigned long long milliseconds)

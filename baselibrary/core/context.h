@@ -66,8 +66,8 @@ public:
     static bool run(void (*function)(), Type type, unsigned flags, const QString& title,
                     const QString& name = QString(), const QString& group = QString());
     static bool run(void (*function)(int& result, int argc, char** const argv), int& result, int argc,
-                    char** const argv, Type type, unsigned flags, const QString& title,
-                    const QString& name = QString(), const QString& group = QString());
+                    char** const argv, Type type, unsigned flags, const QString& title, const QString& name = QString(),
+                    const QString& group = QString());
 
     // The calling thread's context, or null.
     static Context* object();

@@ -63,7 +63,9 @@ void installHandlers()
 class DumpWriter
 {
 public:
-    explicit DumpWriter(int fd) : miFd(fd) {}
+    explicit DumpWriter(int fd)
+        : miFd(fd)
+    {}
     DumpWriter& operator<<(const char* text)
     {
         if (text)
@@ -117,9 +119,9 @@ void writeRegisters(DumpWriter& out, const void* machineContext)
     const struct {
         const char* name;
         int index;
-    } registers[] = {{"rip", REG_RIP}, {"rsp", REG_RSP}, {"rbp", REG_RBP}, {"rax", REG_RAX}, {"rbx", REG_RBX},
-                     {"rcx", REG_RCX}, {"rdx", REG_RDX}, {"rsi", REG_RSI}, {"rdi", REG_RDI}, {"r8", REG_R8},
-                     {"r9", REG_R9},   {"r10", REG_R10}, {"r11", REG_R11}, {"r12", REG_R12}, {"r13", REG_R13},
+    } registers[] = {{"rip", REG_RIP}, {"rsp", REG_RSP}, {"rbp", REG_RBP},   {"rax", REG_RAX}, {"rbx", REG_RBX},
+                     {"rcx", REG_RCX}, {"rdx", REG_RDX}, {"rsi", REG_RSI},   {"rdi", REG_RDI}, {"r8", REG_R8},
+                     {"r9", REG_R9},   {"r10", REG_R10}, {"r11", REG_R11},   {"r12", REG_R12}, {"r13", REG_R13},
                      {"r14", REG_R14}, {"r15", REG_R15}, {"eflags", REG_EFL}};
     out << "Registers:\n";
     for (const auto& reg : registers) {

@@ -23,7 +23,7 @@ public:
 
 private:
     std::unique_ptr<char[]> mpcStack;
-    stack_t moPrevious {};
+    stack_t moPrevious{};
     bool mbOwnStack = false;
 };
 

@@ -9,8 +9,7 @@ Extent::Extent(const QByteArray& array)
     : mpData(reinterpret_cast<unsigned char*>(const_cast<char*>(array.constData())))
     , muiSize(unsigned(array.size()))
     , muiAvailable(unsigned(array.size()))
-{
-}
+{}
 
 Extent& Extent::operator=(const Extent& other)
 {
@@ -49,10 +48,7 @@ QByteArray Extent::toQByteArray() const
     return QByteArray::fromRawData(reinterpret_cast<const char*>(mpData), int(muiSize));
 }
 
-QString Extent::toQString() const
-{
-    return QString::fromUtf8(reinterpret_cast<const char*>(mpData), int(muiSize));
-}
+QString Extent::toQString() const { return QString::fromUtf8(reinterpret_cast<const char*>(mpData), int(muiSize)); }
 
 void Extent::swap(Extent& other)
 {
@@ -128,7 +124,8 @@ unsigned Extent::remove(unsigned n)
 
 unsigned Extent::elementSize(char terminator) const
 {
-    const void* found = muiAvailable ? std::memchr(at(), static_cast<unsigned char>(terminator), muiAvailable) : nullptr;
+    const void* found =
+        muiAvailable ? std::memchr(at(), static_cast<unsigned char>(terminator), muiAvailable) : nullptr;
     return found ? unsigned(static_cast<const unsigned char*>(found) - at()) + 1 : 0;
 }
 

@@ -25,11 +25,16 @@ class BREVI_EXPORT Extent
 public:
     Extent() = default;
     Extent(const void* data, unsigned size)
-        : mpData(static_cast<unsigned char*>(const_cast<void*>(data))), muiSize(size), muiAvailable(size)
-    {
-    }
+        : mpData(static_cast<unsigned char*>(const_cast<void*>(data)))
+        , muiSize(size)
+        , muiAvailable(size)
+    {}
     Extent(const QByteArray& array);
-    Extent(const Extent& other) : mpData(other.mpData), muiSize(other.muiSize), muiAvailable(other.muiSize) {}
+    Extent(const Extent& other)
+        : mpData(other.mpData)
+        , muiSize(other.muiSize)
+        , muiAvailable(other.muiSize)
+    {}
     Extent& operator=(const Extent& other);
     Extent& operator=(const QByteArray& array);
 

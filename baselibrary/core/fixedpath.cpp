@@ -32,8 +32,8 @@ QString FixedPath::environment(const char* name)
     if (value.size() >= EnvironmentBufferSize)
         return QString(); // does not fit the buffer: read as not set
     // An installer that writes a quoted path still works.
-    if (value.size() >= 3 && ((value.startsWith('"') && value.endsWith('"')) ||
-                              (value.startsWith('\'') && value.endsWith('\''))))
+    if (value.size() >= 3 &&
+        ((value.startsWith('"') && value.endsWith('"')) || (value.startsWith('\'') && value.endsWith('\''))))
         value = value.mid(1, value.size() - 2);
     return value;
 }
@@ -109,11 +109,31 @@ bool FixedPath::initialize()
 void FixedPath::resetForTesting()
 {
     mbInitialized = false;
-    for (QString* path :
-         {&msHome, &msConfig, &msRuntime, &msRulesBase, &msTmp, &msTrace, &msDb, &msDbMaster, &msMasterRulesBase,
-          &msMasterRulesActive, &msMasterRulesLatest, &msMasterRulesDist, &msMasterRulesNew, &msMasterProfiles,
-          &msUiSaves, &msLogDaemonSaves, &msGuiHome, &msMdStore, &msMdStoreService, &msMdStoreSnap,
-          &msMdStoreCloudEvents, &msRepository, &msRepositoryStores, &msRepositoryStreams, &msRepositoryStreamData})
+    for (QString* path : {&msHome,
+                          &msConfig,
+                          &msRuntime,
+                          &msRulesBase,
+                          &msTmp,
+                          &msTrace,
+                          &msDb,
+                          &msDbMaster,
+                          &msMasterRulesBase,
+                          &msMasterRulesActive,
+                          &msMasterRulesLatest,
+                          &msMasterRulesDist,
+                          &msMasterRulesNew,
+                          &msMasterProfiles,
+                          &msUiSaves,
+                          &msLogDaemonSaves,
+                          &msGuiHome,
+                          &msMdStore,
+                          &msMdStoreService,
+                          &msMdStoreSnap,
+                          &msMdStoreCloudEvents,
+                          &msRepository,
+                          &msRepositoryStores,
+                          &msRepositoryStreams,
+                          &msRepositoryStreamData})
         path->clear();
 }
 

@@ -2,8 +2,8 @@
 
 #include "core/byteorder.h"
 #include "core/extent.h"
-#include "core/traceerrorcode.h"
 #include "core/tracedump.h"
+#include "core/traceerrorcode.h"
 #include "core/tracefilter.h"
 #include "core/traceformat_p.h"
 
@@ -101,7 +101,8 @@ const QHash<unsigned, QString>& Trace::defaultModuleNames()
     return names;
 }
 
-Trace::Trace() : moModules(defaultModuleNames())
+Trace::Trace()
+    : moModules(defaultModuleNames())
 {
     initializeBuffer(macPrivate, PrivateBufferSize, true);
     object(this);

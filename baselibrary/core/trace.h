@@ -141,10 +141,19 @@ public:
 
     // Format of the next value only.
     void left() { muiFormat |= TraceLayout::FormatLeft; }
-    void hex() { muiFormat = (muiFormat | TraceLayout::FormatHex) & ~(TraceLayout::FormatOctal | TraceLayout::FormatLeft); }
-    void oct() { muiFormat = (muiFormat | TraceLayout::FormatOctal) & ~(TraceLayout::FormatHex | TraceLayout::FormatLeft); }
+    void hex()
+    {
+        muiFormat = (muiFormat | TraceLayout::FormatHex) & ~(TraceLayout::FormatOctal | TraceLayout::FormatLeft);
+    }
+    void oct()
+    {
+        muiFormat = (muiFormat | TraceLayout::FormatOctal) & ~(TraceLayout::FormatHex | TraceLayout::FormatLeft);
+    }
     void pack() { muiFormat &= ~TraceLayout::FormatBlank; }
-    void width(unsigned n) { muiFormat = (muiFormat & ~TraceLayout::FormatWidthMask) | (n & TraceLayout::FormatWidthMask); }
+    void width(unsigned n)
+    {
+        muiFormat = (muiFormat & ~TraceLayout::FormatWidthMask) | (n & TraceLayout::FormatWidthMask);
+    }
 
     // Levels. Module 0 means all modules; a module above 1024 is ignored.
     static void setLevel(TraceLevelE level, unsigned module);
@@ -277,7 +286,8 @@ inline TraceWidthS width(unsigned n) { return TraceWidthS{n}; }
 class TraceLine
 {
 public:
-    TraceLine(Trace& trace, int indent, const char* file, unsigned line) : mrTrace(trace)
+    TraceLine(Trace& trace, int indent, const char* file, unsigned line)
+        : mrTrace(trace)
     {
         trace.entry(indent, file, line);
     }
@@ -307,7 +317,7 @@ private:
 // nothing behind the macro is evaluated:
 //     BREVI_TRACE(TraceModuleContext, TraceAlways) << "Failed to open" << name;
 #define BREVI_TRACE_INDENT(module, level, indent)                                                                      \
-    for (::Brevi::Trace* breviTraceTo_ = ::Brevi::Trace::trace((module), (level)); breviTraceTo_;                     \
+    for (::Brevi::Trace* breviTraceTo_ = ::Brevi::Trace::trace((module), (level)); breviTraceTo_;                      \
          breviTraceTo_ = nullptr)                                                                                      \
     ::Brevi::TraceLine(*breviTraceTo_, (indent), __FILE__, __LINE__)
 

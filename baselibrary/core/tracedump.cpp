@@ -20,7 +20,8 @@ bool hasMagic(const unsigned char* at)
 
 TraceDump::TraceDump() = default;
 
-TraceDump::TraceDump(TraceFilter* filter, TracePosition* start, TracePosition* end) : mbOwnTrace(true)
+TraceDump::TraceDump(TraceFilter* filter, TracePosition* start, TracePosition* end)
+    : mbOwnTrace(true)
 {
     update(filter, start, end);
 }

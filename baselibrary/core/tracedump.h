@@ -1,9 +1,9 @@
 #ifndef BASELIBRARY_CORE_TRACEDUMP_H
 #define BASELIBRARY_CORE_TRACEDUMP_H
 
-#include "core/traceposition.h"
 #include "core/operatorboolgenerator.h"
 #include "core/tracedumpentry.h"
+#include "core/traceposition.h"
 
 #include <boost/shared_ptr.hpp>
 

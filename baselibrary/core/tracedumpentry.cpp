@@ -11,7 +11,9 @@ using namespace TraceLayout;
 
 TraceDumpEntry::TraceDumpEntry(const unsigned char* record, unsigned length, unsigned sequence, TraceLevelE level,
                                unsigned module, const QHash<unsigned, QString>* names)
-    : meLevel(level), muiSequence(sequence), muiModule(module)
+    : meLevel(level)
+    , muiSequence(sequence)
+    , muiModule(module)
 {
     const unsigned char* end = record + length;
     if (length < SourceNameOffset)
@@ -69,7 +71,8 @@ void TraceDumpEntry::decodeValues(const unsigned char* at, const unsigned char* 
             QString text;
             text.reserve(int(count));
             for (unsigned i = 0; i < count; ++i)
-                text.append(type == ValueString8 ? QChar(payload[2 + i]) : QChar(ByteOrder::load16(payload + 2 + 2 * i)));
+                text.append(type == ValueString8 ? QChar(payload[2 + i])
+                                                 : QChar(ByteOrder::load16(payload + 2 + 2 * i)));
             TraceFormat::writeString(out, word, text, type == ValueString16);
             break;
         }

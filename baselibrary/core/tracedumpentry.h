@@ -14,8 +14,8 @@ public:
     // `record` points at the record's first byte (its header); `length` runs
     // to the byte after its end mark. The module name comes from `names`, or
     // the built-in names when null.
-    TraceDumpEntry(const unsigned char* record, unsigned length, unsigned sequence, TraceLevelE level,
-                   unsigned module, const QHash<unsigned, QString>* names = nullptr);
+    TraceDumpEntry(const unsigned char* record, unsigned length, unsigned sequence, TraceLevelE level, unsigned module,
+                   const QHash<unsigned, QString>* names = nullptr);
 
     const QString& getTime() const { return msTime; }
     const QString& getSourceFile() const { return msSourceFile; }

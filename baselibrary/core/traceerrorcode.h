@@ -12,7 +12,9 @@ namespace Brevi {
 class BREVI_EXPORT TraceErrorCode
 {
 public:
-    explicit TraceErrorCode(int error = errno) : miError(error) {}
+    explicit TraceErrorCode(int error = errno)
+        : miError(error)
+    {}
 
     int getErrorCode() const { return miError; }
     // ": (2) No such file or directory", or ": (n) Unknown error".

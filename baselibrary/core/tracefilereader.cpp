@@ -6,7 +6,11 @@ namespace Brevi {
 
 using namespace TraceLayout;
 
-TraceFileReader::TraceFileReader(const QString& path) : moFile(path) { moFile.open(QIODevice::ReadOnly); }
+TraceFileReader::TraceFileReader(const QString& path)
+    : moFile(path)
+{
+    moFile.open(QIODevice::ReadOnly);
+}
 
 boost::shared_ptr<TraceDumpEntry> TraceFileReader::next()
 {

@@ -12,7 +12,8 @@ public:
     unsigned char levels[TraceLayout::LevelsSize];
 };
 
-TraceFilter::TraceFilter(TraceLevelE level) : d(new TraceFilterData)
+TraceFilter::TraceFilter(TraceLevelE level)
+    : d(new TraceFilterData)
 {
     setLevel(level, 0);
 }

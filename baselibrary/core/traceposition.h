@@ -12,7 +12,10 @@ class BREVI_EXPORT TracePosition
 {
 public:
     explicit TracePosition(bool current = false);
-    TracePosition(unsigned instance, unsigned sequence) : muiInstance(instance), muiSequence(sequence) {}
+    TracePosition(unsigned instance, unsigned sequence)
+        : muiInstance(instance)
+        , muiSequence(sequence)
+    {}
 
     unsigned getInstance() const { return muiInstance; }
     unsigned getSequence() const { return muiSequence; }

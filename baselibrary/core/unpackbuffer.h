@@ -30,8 +30,8 @@ public:
 
     // Resizes and puts the cursor at the front.
     unsigned size(unsigned n);
-    using Buffer::size;
     using Buffer::available;
+    using Buffer::size;
 
     Extent extent()
     {

@@ -30,8 +30,7 @@ QString gBinaryTrace;
 void work(int& result, int, char** const)
 {
     QTextStream out(stdout);
-    out << "Context " << Context::id() << " of process " << Context::OSPid() << ", home " << FixedPath::home()
-        << "\n";
+    out << "Context " << Context::id() << " of process " << Context::OSPid() << ", home " << FixedPath::home() << "\n";
 
     // Besides the text file under runtime/trace, keep a binary copy of this
     // context's lines for the tool to read.
@@ -64,8 +63,8 @@ void work(int& result, int, char** const)
         BREVI_TRACE(TraceModuleConfig, TraceAlways) << "Cannot open" << missing.fileName() << TraceErrorCode(ENOENT);
 
     BREVI_TRACE_INDENT(TraceModuleTimer, TraceNormal, 2) << "IN:nested work";
-    BREVI_TRACE(TraceModuleTimer, TraceNormal) << "inside, by" << width(6) << 7 << "and a pointer"
-                                               << static_cast<const void*>(&result);
+    BREVI_TRACE(TraceModuleTimer, TraceNormal)
+        << "inside, by" << width(6) << 7 << "and a pointer" << static_cast<const void*>(&result);
     BREVI_TRACE_INDENT(TraceModuleTimer, TraceNormal, -2) << "OUT:nested work ,";
     BTRACE(TraceAlways) << "Demo ends";
     result = 0;

@@ -200,13 +200,17 @@ TEST(Packing, EncodesLittleEndianWithLengthPrefixes)
     pack.append(true);
     pack.append(1);
     pack.append(QString("ab"));
-    EXPECT_EQ(hex(pack.extent()), QByteArray("0b00000001010000000200000061" "62"));
+    EXPECT_EQ(hex(pack.extent()), QByteArray("0b00000001010000000200000061"
+                                             "62"));
 
     PackBuffer more;
     more.append(static_cast<long long>(-2));
     more.append(0xA1B2C3D4u);
     more.append(QByteArray());
-    EXPECT_EQ(hex(more.extent()), QByteArray("10000000" "feffffffffffffff" "d4c3b2a1" "00000000"));
+    EXPECT_EQ(hex(more.extent()), QByteArray("10000000"
+                                             "feffffffffffffff"
+                                             "d4c3b2a1"
+                                             "00000000"));
     EXPECT_EQ(more.size(), 20u);
 }
 
@@ -228,7 +232,8 @@ TEST(Packing, ExtentsAndMessageBuffers)
     PackBuffer spliced;
     spliced.append(extent);
     spliced.appendPacked(extent);
-    EXPECT_EQ(hex(spliced.extentWithoutSize()), QByteArray("020000000908" "0908"));
+    EXPECT_EQ(hex(spliced.extentWithoutSize()), QByteArray("020000000908"
+                                                           "0908"));
 
     spliced.reset();
     EXPECT_EQ(spliced.size(), 4u);
@@ -280,7 +285,9 @@ TEST(Unpacking, ShortFixedValuesLeaveTheCursor)
 TEST(Unpacking, CorruptLengthPoisonsTheRest)
 {
     UnpackBuffer unpack;
-    unpack.reset(QByteArray("\xff\xff\xff\xff" "abcdefgh", 12));
+    unpack.reset(QByteArray("\xff\xff\xff\xff"
+                            "abcdefgh",
+                            12));
     QByteArray item("stale");
     EXPECT_FALSE(unpack.take(item));
     EXPECT_TRUE(item.isEmpty());

@@ -90,9 +90,8 @@ TEST(ContextRun, SecondOverloadPassesArgumentsAndResult)
     char second[] = "argument";
     char* argv[] = {first, second, nullptr};
     int result = 0;
-    EXPECT_TRUE(Context::run(
-        [](int& out, int argc, char** const args) { out = argc * 10 + int(std::strlen(args[1])); }, result, 2, argv,
-        NoMessaging, 0, "Args"));
+    EXPECT_TRUE(Context::run([](int& out, int argc, char** const args) { out = argc * 10 + int(std::strlen(args[1])); },
+                             result, 2, argv, NoMessaging, 0, "Args"));
     EXPECT_EQ(result, 28);
 }
 
@@ -138,8 +137,8 @@ TEST(ContextStatics, CountersArePerContextAndIndependent)
         [] {
             EXPECT_EQ(Context::uniqueId(), 1u);
             EXPECT_EQ(Context::uniqueId(), 2u);
-            const QString expected = QStringLiteral("%1/%2_001_0001").arg(FixedPath::tmp()).arg(getpid(), 5, 10,
-                                                                                                 QLatin1Char('0'));
+            const QString expected =
+                QStringLiteral("%1/%2_001_0001").arg(FixedPath::tmp()).arg(getpid(), 5, 10, QLatin1Char('0'));
             EXPECT_EQ(Context::temporaryFileName(), expected);
             EXPECT_TRUE(Context::temporaryFileName().endsWith("_001_0002"));
             runOnThread(
@@ -239,9 +238,9 @@ TEST(ContextProfile, OnlyAnExistingProfileCanTurnTheFileOff)
 TEST(ContextProfile, TheLastOccurrenceWinsAndUnknownLevelsAreIgnored)
 {
     TestHome home;
-    home.writeProfile({"BoolTraceToFile", "<value>False</value>", "BoolTraceToFile", "x True x",
-                       "DefaultTraceLevel", "<value>TraceVerbose</value>", "DefaultTraceLevel",
-                       "<value>tracedebug</value>", "DefaultTraceLinesPerFile"});
+    home.writeProfile({"BoolTraceToFile", "<value>False</value>", "BoolTraceToFile", "x True x", "DefaultTraceLevel",
+                       "<value>TraceVerbose</value>", "DefaultTraceLevel", "<value>tracedebug</value>",
+                       "DefaultTraceLinesPerFile"});
     Context::run([] { EXPECT_EQ(Trace::getLevel(1u), TraceNormal); }, NoMessaging, 0, "Last");
     EXPECT_EQ(home.filesIn(home.trace()), QStringList({"last-" + pidText() + ".tra"}));
 }

@@ -101,8 +101,8 @@ TEST(FixedPath, StorePathsNeedRepositoryAndMetadataStore)
     EXPECT_EQ(FixedPath::repositoryStores(), "/stores");
     EXPECT_EQ(FixedPath::repositoryStreamData(), "/data");
     EXPECT_EQ(FixedPath::repositoryStreams(), "/repo/streams");
-    for (const char* name : {"BREVI_REPOSITORY", "BREVI_METADATA_STORE", "BREVI_REPOSITORY_STREAM_DATA",
-                             "BREVI_REPOSITORY_STORES"})
+    for (const char* name :
+         {"BREVI_REPOSITORY", "BREVI_METADATA_STORE", "BREVI_REPOSITORY_STREAM_DATA", "BREVI_REPOSITORY_STORES"})
         unsetenv(name);
 }
 

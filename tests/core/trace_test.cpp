@@ -3,8 +3,8 @@
 
 #include "core/byteorder.h"
 #include "core/trace.h"
-#include "core/traceerrorcode.h"
 #include "core/tracedump.h"
+#include "core/traceerrorcode.h"
 #include "core/tracefilereader.h"
 #include "core/tracefilter.h"
 #include "core/traceposition.h"
@@ -39,10 +39,7 @@ std::vector<QString> messages(const unsigned char* buffer, unsigned size)
     return result;
 }
 
-std::vector<QString> messages(const Trace& trace)
-{
-    return messages(trace.getBufferAddress(), trace.getBufferSize());
-}
+std::vector<QString> messages(const Trace& trace) { return messages(trace.getBufferAddress(), trace.getBufferSize()); }
 
 QStringList fileLines(const QString& path)
 {
@@ -60,8 +57,7 @@ int countedValue()
     return 1;
 }
 
-struct Reentrant {
-};
+struct Reentrant {};
 Trace& operator<<(Trace& trace, const Reentrant&)
 {
     // A value's own stream operator may not start a line inside the line.
@@ -145,7 +141,12 @@ TEST(TraceRing, RecordBytesOfAKnownLine)
     EXPECT_EQ(b[r + 39], 't');
     EXPECT_EQ(b[r + 40], 0);
     const unsigned values = r + 39 + 2 * nameLength;
-    const QByteArray expected = QByteArray::fromHex("030000" "0200" "6162" "050080" "05000000" "fe");
+    const QByteArray expected = QByteArray::fromHex("030000"
+                                                    "0200"
+                                                    "6162"
+                                                    "050080"
+                                                    "05000000"
+                                                    "fe");
     EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(b + values), expected.size()).toHex(), expected.toHex());
 
     const unsigned length = values + unsigned(expected.size()) - r;
@@ -202,8 +203,8 @@ TEST(TraceRing, ValuesReadBackInTheirFormats)
     BREVI_TRACE(Module, TraceAlways) << "n" << -5 << 7u << -9ll << 18446744073709551615ull << false;
     BREVI_TRACE(Module, TraceAlways) << hex << 255 << oct << 8 << width(6) << 42 << hex << width(6) << 255 << pack
                                      << pointer;
-    BREVI_TRACE(Module, TraceAlways) << QString() << static_cast<const char*>(nullptr) << QByteArray("b")
-                                     << left << width(4) << QString("x") << "|";
+    BREVI_TRACE(Module, TraceAlways) << QString() << static_cast<const char*>(nullptr) << QByteArray("b") << left
+                                     << width(4) << QString("x") << "|";
     BREVI_TRACE(Module, TraceAlways) << hex << -1;
     const auto lines = messages(trace);
     ASSERT_EQ(lines.size(), 4u);

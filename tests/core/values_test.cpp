@@ -54,7 +54,7 @@ TEST(HashedString, ComparesOnTextAndCarriesQtsHash)
     byName.insert(HashedString("one"), 1);
     byName.insert(HashedString("two"), 2);
     EXPECT_EQ(byName.value(HashedString("two")), 2);
-    QMap<HashedString, int> ordered { { HashedString("b"), 2 }, { HashedString("a"), 1 } };
+    QMap<HashedString, int> ordered{{HashedString("b"), 2}, {HashedString("a"), 1}};
     EXPECT_EQ(ordered.firstKey().string(), "a");
 }
 

@@ -12,7 +12,8 @@
 
 namespace BreviTest {
 
-TestHome::TestHome() : msPath(QDir(moDir.path()).canonicalPath())
+TestHome::TestHome()
+    : msPath(QDir(moDir.path()).canonicalPath())
 {
     setenv("BREVI_HOME", msPath.toLocal8Bit().constData(), 1);
 }
