@@ -20,7 +20,7 @@ public:
     Anchor(const boost::shared_ptr<Node>& node, unsigned slot)
         : mptNode(node)
         , muiSlot(slot)
-    { }
+    {}
 
     const boost::shared_ptr<Node>& node() const { return mptNode; }
     unsigned slot() const { return muiSlot; }

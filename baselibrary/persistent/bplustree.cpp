@@ -22,7 +22,7 @@ using namespace BPlusTreeLayout;
 struct BPlusTree::Body {
     explicit Body(unsigned cacheSize)
         : mptBlocks(boost::make_shared<Blocks>(cacheSize))
-    { }
+    {}
     ~Body() { close(true); }
     Body(const Body&) = delete;
     Body& operator=(const Body&) = delete;
@@ -49,18 +49,18 @@ struct BPlusTree::Body {
 BPlusTree::BPlusTree(unsigned cacheSize)
     : mptBody(boost::make_shared<Body>(cacheSize))
     , muiCacheSize(cacheSize)
-{ }
+{}
 
 BPlusTree::BPlusTree(const BPlusTree& other)
     : mptBody(other.mptBody)
     , meLastError(other.meLastError)
     , muiCacheSize(other.muiCacheSize)
-{ }
+{}
 
 BPlusTree& BPlusTree::operator=(const BPlusTree& other)
 {
     if (this != &other) {
-        moNodeHash.clear();
+        releaseNodes();
         mpoNode.reset();
         mptBody = other.mptBody;
         meLastError = other.meLastError;
@@ -71,7 +71,7 @@ BPlusTree& BPlusTree::operator=(const BPlusTree& other)
 
 BPlusTree::~BPlusTree()
 {
-    moNodeHash.clear();
+    releaseNodes();
     mpoNode.reset();
 }
 
@@ -126,13 +126,13 @@ bool BPlusTree::create(const QString& path, unsigned blockSize)
 
     NodePtr root = newNode(true);
     if (!root) {
-        moNodeHash.clear();
+        releaseNodes();
         body.close(false);
         return false;
     }
     root->setRoot(true);
     body.mptRoot = root;
-    moNodeHash.clear();
+    releaseNodes();
     body.mptBlocks->updateBlock(root->data());
     ByteOrder::store64(static_cast<unsigned char*>(header) + HeaderRootOffset, root->id());
     if (!body.mptBlocks->updateBlock(header)) {
@@ -180,7 +180,7 @@ bool BPlusTree::open(const QString& path)
     }
     body.mpvHeader = header;
     NodePtr root = readNode(rootId, true);
-    moNodeHash.clear();
+    releaseNodes();
     if (!root) {
         BTRACE(TraceAlways) << "Failed to read the root node" << rootId << "of" << path;
         body.close(false);
@@ -194,7 +194,7 @@ bool BPlusTree::open(const QString& path)
 bool BPlusTree::close()
 {
     BTRACE(TraceNormal) << "IN:close";
-    moNodeHash.clear();
+    releaseNodes();
     mpoNode.reset();
     if (!isOpen()) {
         BTRACE(TraceAlways) << "close on a tree that is not open";
@@ -219,7 +219,7 @@ bool BPlusTree::begin(const char* operation)
 void BPlusTree::finishOperation(bool writeRoot)
 {
     mpoNode.reset();
-    moNodeHash.clear();
+    releaseNodes();
     const NodePtr& root = mptBody->mptRoot;
     if (writeRoot && root && root->isDirty())
         mptBody->mptBlocks->updateBlock(root->data());
@@ -260,20 +260,38 @@ BPlusTree::NodePtr BPlusTree::newNode(bool leaf)
         // The sentinel: the end of the data area, where the first record ends.
         ByteOrder::store32(bytes + slotOffset(0) + SlotDataOffset, body.moParameters.dataSize);
     }
-    moNodeHash.insert(id, node);
+    moNodeHash.push_back(node);
     return node;
+}
+
+void BPlusTree::releaseNodes()
+{
+    // clear() keeps the capacity, so that an operation allocates nothing here.
+    moNodeHash.clear();
+}
+
+void BPlusTree::releaseNode(quint64 id)
+{
+    for (std::vector<NodePtr>::iterator node = moNodeHash.begin(); node != moNodeHash.end(); ++node) {
+        if ((*node)->id() == id) {
+            moNodeHash.erase(node);
+            return;
+        }
+    }
 }
 
 BPlusTree::NodePtr BPlusTree::readNode(quint64 id, bool root)
 {
     if (!id)
         return NodePtr();
-    QHash<quint64, NodePtr>::const_iterator found = moNodeHash.constFind(id);
-    if (found != moNodeHash.constEnd())
-        return found.value();
+    for (const NodePtr& held : moNodeHash) {
+        if (held->id() == id)
+            return held;
+    }
     Body& body = *mptBody;
     if (body.mptRoot && body.mptRoot->id() == id)
         return body.mptRoot;
+    const quint64 misses = body.mptBlocks->cacheMisses();
     void* data = body.mptBlocks->getBlock(id);
     if (!data) {
         BTRACE(TraceAlways) << "Failed to read node" << id;
@@ -281,15 +299,20 @@ BPlusTree::NodePtr BPlusTree::readNode(quint64 id, bool root)
         return NodePtr();
     }
     NodePtr node = boost::make_shared<Node>(body.mptBlocks, id, data, body.moParameters, false);
-    const char* problem = BPlusTreeCheck::nodeProblem(node->data(), body.moParameters);
+    // A block the cache already held has been checked when it came from the
+    // file, and the tree keeps what it writes well formed.
+    const char* problem = nullptr;
+    if (body.mptBlocks->cacheMisses() != misses || !body.mptBlocks->cacheSize())
+        problem = BPlusTreeCheck::nodeProblem(node->data(), body.moParameters);
     if (!problem && node->isRoot() != root)
         problem = root ? "root flag missing" : "root flag on a node below the root";
     if (problem) {
         BTRACE(TraceAlways) << "Corrupt node" << id << problem;
         meLastError = eFileError;
+        node->discard();
         return NodePtr();
     }
-    moNodeHash.insert(id, node);
+    moNodeHash.push_back(node);
     return node;
 }
 
@@ -330,7 +353,7 @@ BPlusTree::NodePtr BPlusTree::nextLeaf(const NodePtr& leaf, quint64& steps, bool
         return NodePtr();
     }
     if (release && leaf != mpoNode && leaf != mptBody->mptRoot)
-        moNodeHash.remove(leaf->id());
+        releaseNode(leaf->id());
     NodePtr next = readNode(id);
     if (next && !next->isLeaf()) {
         BTRACE(TraceAlways) << "Corrupt leaf chain: node" << id << "is not a leaf";
@@ -518,9 +541,14 @@ bool BPlusTree::find(Key& key)
     if (!begin("find"))
         return false;
     const KeyHash hash(key.hash().hash(), 0);
+    // Descending by sequence 1 rather than 0 lands on the leaf that holds the
+    // hash's first record when that record starts a leaf, instead of on the
+    // leaf before it; the walk then starts just before the place found.
     unsigned slot = 0;
     int iFindResult = 0;
-    NodePtr node = descend(hash, slot, iFindResult);
+    NodePtr node = descend(KeyHash(hash.hash(), 1), slot, iFindResult);
+    if (node && !iFindResult)
+        --slot;
     bool found = false;
     quint64 steps = 0;
     while (node) {
@@ -606,7 +634,7 @@ bool BPlusTree::remove(const Key& key)
 }
 
 BPlusTree::DeleteResult BPlusTree::deleteKey(const Key& key, const NodePtr& node, quint64 parent, quint64 left,
-    quint64 right, Anchor& leftAnchor, Anchor& rightAnchor, unsigned depth)
+                                             quint64 right, Anchor& leftAnchor, Anchor& rightAnchor, unsigned depth)
 {
     int iFindResult = 0;
     unsigned slot = node->findKey(iFindResult, key.hash());
@@ -669,8 +697,8 @@ BPlusTree::DeleteResult BPlusTree::deleteKey(const Key& key, const NodePtr& node
         return eDeleteDone;
     }
 
-    const DeleteResult result
-        = deleteKey(key, child, node->id(), childLeft, childRight, childLeftAnchor, childRightAnchor, depth + 1);
+    const DeleteResult result =
+        deleteKey(key, child, node->id(), childLeft, childRight, childLeftAnchor, childRightAnchor, depth + 1);
     if (result == eDeleteDone)
         return eDeleteDone;
     if (result == eDeleteMergedRight)
@@ -683,7 +711,7 @@ BPlusTree::DeleteResult BPlusTree::deleteKey(const Key& key, const NodePtr& node
 }
 
 BPlusTree::DeleteResult BPlusTree::rebalance(const NodePtr& node, unsigned slot, quint64 parent, quint64 left,
-    quint64 right, Anchor& leftAnchor, Anchor& rightAnchor)
+                                             quint64 right, Anchor& leftAnchor, Anchor& rightAnchor)
 {
     if (node->isRoot()) {
         if (node->isLeaf()) {
@@ -698,9 +726,9 @@ BPlusTree::DeleteResult BPlusTree::rebalance(const NodePtr& node, unsigned slot,
     NodePtr rightNode = readNode(right);
     // Neighbours of another kind, or the node itself, mean a damaged tree:
     // the entry goes, and nothing else is touched.
-    if ((leftNode && (leftNode == node || leftNode->isLeaf() != node->isLeaf()))
-        || (rightNode && (rightNode == node || rightNode->isLeaf() != node->isLeaf())) || (left && !leftNode)
-        || (right && !rightNode)) {
+    if ((leftNode && (leftNode == node || leftNode->isLeaf() != node->isLeaf())) ||
+        (rightNode && (rightNode == node || rightNode->isLeaf() != node->isLeaf())) || (left && !leftNode) ||
+        (right && !rightNode)) {
         BTRACE(TraceAlways) << "Corrupt tree: neighbours" << left << right << "of node" << node->id();
         meLastError = eFileError;
         mullRebalanceId = 0;
@@ -735,8 +763,8 @@ BPlusTree::DeleteResult BPlusTree::rebalance(const NodePtr& node, unsigned slot,
     }
 
     // A merge is only ever made with a sibling under the same parent.
-    if ((action == MergeWithLeft && (!leftNode || leftAnchorId != parent))
-        || (action == MergeWithRight && (!rightNode || rightAnchorId != parent))) {
+    if ((action == MergeWithLeft && (!leftNode || leftAnchorId != parent)) ||
+        (action == MergeWithRight && (!rightNode || rightAnchorId != parent))) {
         BTRACE(TraceAlways) << "Corrupt tree: node" << node->id() << "has no sibling to merge with";
         meLastError = eFileError;
         mullRebalanceId = 0;
@@ -784,7 +812,7 @@ void BPlusTree::display()
             }
         }
         level = displayLevel(fresh, depth);
-        moNodeHash.clear();
+        releaseNodes();
     }
     finishOperation(false);
 }
@@ -814,7 +842,7 @@ QList<quint64> BPlusTree::displayLevel(const QList<quint64>& ids, unsigned level
             }
         }
         if (node != mptBody->mptRoot)
-            moNodeHash.remove(id);
+            releaseNode(id);
     }
     return children;
 }

@@ -6,11 +6,12 @@
 #include "persistent/bplustreelayout.h"
 #include "persistent/key.h"
 
-#include <QHash>
 #include <QList>
 #include <QString>
 
 #include <boost/shared_ptr.hpp>
+
+#include <vector>
 
 namespace Brevi {
 
@@ -130,6 +131,9 @@ private:
     bool fail(Result error);
 
     bool setRoot(const NodePtr& node);
+    // Lets go of the nodes of the operation, which writes the changed ones.
+    void releaseNodes();
+    void releaseNode(quint64 id);
     NodePtr newNode(bool leaf);
     NodePtr readNode(quint64 id, bool root = false);
     void deleteNode(quint64 id);
@@ -141,14 +145,16 @@ private:
     NodePtr nextLeaf(const NodePtr& leaf, quint64& steps, bool release);
     InsertResult insertKey(Key& key, const NodePtr& node, KeyHash& hash, unsigned depth = 0);
     DeleteResult deleteKey(const Key& key, const NodePtr& node, quint64 parent, quint64 left, quint64 right,
-        Anchor& leftAnchor, Anchor& rightAnchor, unsigned depth = 0);
+                           Anchor& leftAnchor, Anchor& rightAnchor, unsigned depth = 0);
     DeleteResult rebalance(const NodePtr& node, unsigned slot, quint64 parent, quint64 left, quint64 right,
-        Anchor& leftAnchor, Anchor& rightAnchor);
+                           Anchor& leftAnchor, Anchor& rightAnchor);
     QList<quint64> displayLevel(const QList<quint64>& ids, unsigned level);
 
     boost::shared_ptr<Body> mptBody;
-    // Nodes read or made during one operation, by block id ("NodeHash").
-    QHash<quint64, NodePtr> moNodeHash;
+    // Nodes read or made during one operation ("NodeHash"). An operation
+    // holds a few nodes per level, so a search along a short array beats
+    // hashing.
+    std::vector<NodePtr> moNodeHash;
     Result meLastError = eSuccess;
     // The highest node on a deletion's path from which rebalancing is needed.
     quint64 mullRebalanceId = 0;

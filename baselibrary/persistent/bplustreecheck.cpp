@@ -35,7 +35,7 @@ class Checker
 public:
     Checker(BPlusTreeReport& report)
         : mrReport(report)
-    { }
+    {}
 
     void problem(const QString& text)
     {
@@ -54,31 +54,40 @@ public:
         return file.read(block.data(), muiBlockSize) == muiBlockSize;
     }
 
-    bool readFreeList(const QString& path, quint64 fileBlocks)
+    bool readFreeList(const QString& path, quint64 treeBlocks)
     {
         RawFile file(path + BlockLayout::FreeListSuffix, RawFile::eReadOnly);
         if (!file)
             return false;
         unsigned char count[8];
-        if (!file.setPosition(BlockLayout::FreeListCountOffset, RawFile::eStart)
-            || file.read(count, sizeof count) != sizeof count)
+        if (!file.setPosition(BlockLayout::FreeListCountOffset, RawFile::eStart) ||
+            file.read(count, sizeof count) != sizeof count)
             return false;
         const quint64 entries = ByteOrder::load64(count);
-        const quint64 available = file.size() / BlockLayout::FreeListEntrySize;
+        const quint64 fileBlocks = file.size() / BlockLayout::FreeListBlockSize;
+        const quint64 available = fileBlocks ? (fileBlocks - 1) * BlockLayout::FreeListEntriesPerBlock : 0;
         if (entries > available) {
             problem(
                 QStringLiteral("free list claims %1 entries, its file holds at most %2").arg(entries).arg(available));
             return false;
         }
+        QByteArray entryBlock;
         for (quint64 i = 0; i < entries; ++i) {
-            unsigned char entry[8];
-            if (!file.setPosition(qint64(BlockLayout::freeListEntryOffset(i)), RawFile::eStart)
-                || file.read(entry, sizeof entry) != sizeof entry) {
-                problem(QStringLiteral("free list entry %1 cannot be read").arg(i));
-                return false;
+            // The entries are read a block at a time.
+            if (i % BlockLayout::FreeListEntriesPerBlock == 0) {
+                const quint64 block = BlockLayout::freeListEntryBlock(i);
+                entryBlock.resize(int(BlockLayout::FreeListBlockSize));
+                entryBlock.fill(0);
+                if (!file.setPosition(qint64(block * BlockLayout::FreeListBlockSize), RawFile::eStart) ||
+                    !file.read(entryBlock.data(), BlockLayout::FreeListBlockSize)) {
+                    problem(QStringLiteral("free list block %1 cannot be read").arg(block));
+                    return false;
+                }
             }
+            const unsigned char* entry = reinterpret_cast<const unsigned char*>(entryBlock.constData()) +
+                                         BlockLayout::FreeListEntrySize * BlockLayout::freeListEntrySlot(i);
             const quint64 id = ByteOrder::load64(entry) & mullIdMask;
-            if (id <= HeaderBlock || id >= fileBlocks) {
+            if (id <= HeaderBlock || id >= treeBlocks) {
                 problem(QStringLiteral("free list entry %1 names block %2").arg(i).arg(id));
                 continue;
             }
@@ -194,7 +203,7 @@ public:
         }
 
         QList<Visit> level;
-        level.append(Visit { rootId, 0, 0, false });
+        level.append(Visit{rootId, 0, 0, false});
         bool leafLevel = false;
         while (!level.isEmpty() && !leafLevel) {
             if (mrReport.depth >= MaximumDepth) {
@@ -281,8 +290,8 @@ const char* BPlusTreeCheck::nodeProblem(const unsigned char* block, const Parame
     const unsigned dataSize = parameters.dataSize;
     if (n > dataSize / SlotSize)
         return "entry count beyond the block";
-    if (ByteOrder::load32(block + slotOffset(0) + SlotDataOffset) != dataSize
-        || ByteOrder::load32(block + slotOffset(0) + SlotRecordSizeOffset))
+    if (ByteOrder::load32(block + slotOffset(0) + SlotDataOffset) != dataSize ||
+        ByteOrder::load32(block + slotOffset(0) + SlotRecordSizeOffset))
         return "sentinel damaged";
     unsigned previous = dataSize;
     for (unsigned i = 1; i <= n; ++i) {

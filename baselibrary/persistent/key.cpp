@@ -4,6 +4,6 @@ namespace Brevi {
 
 Key::~Key() = default;
 
-void Key::display(const KeyData&) const { }
+void Key::display(const KeyData&) const {}
 
 } // namespace Brevi

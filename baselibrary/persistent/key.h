@@ -21,7 +21,7 @@ class BREVI_EXPORT Key
 {
 public:
     Key() = default;
-    Key(const Key&) { }
+    Key(const Key&) {}
     Key& operator=(const Key&) { return *this; }
     virtual ~Key();
 

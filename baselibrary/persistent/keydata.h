@@ -15,7 +15,7 @@ public:
     KeyData(void* data, unsigned size)
         : mpucData(static_cast<unsigned char*>(data))
         , muiSize(size)
-    { }
+    {}
 
     unsigned char* data() const { return mpucData; }
     unsigned size() const { return muiSize; }

@@ -24,7 +24,7 @@ public:
     explicit KeyHash(quint32 hash, quint32 sequence = 0)
         : muiHash(hash)
         , muiSequence(sequence)
-    { }
+    {}
 
     quint32 hash() const { return muiHash; }
     quint32 sequence() const { return muiSequence; }

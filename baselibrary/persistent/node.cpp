@@ -24,7 +24,7 @@ Node::Node(const boost::shared_ptr<Blocks>& blocks, quint64 id, void* data, cons
     , muiDataSize(parameters.dataSize)
     , muiMaximumKeySize(parameters.maximumKeySize)
     , mpucData(static_cast<unsigned char*>(data))
-{ }
+{}
 
 Node::~Node() { flush(); }
 
@@ -36,6 +36,14 @@ void Node::flush()
         mptBlocks->freeBlock(mpucData);
     else
         mptBlocks->returnBlock(mpucData, mbDirty);
+    mpucData = nullptr;
+}
+
+void Node::discard()
+{
+    if (!mpucData)
+        return;
+    mptBlocks->discardBlock(mpucData);
     mpucData = nullptr;
 }
 
@@ -168,7 +176,7 @@ void Node::pushEntries(unsigned first, unsigned last, unsigned places, int bytes
     if (!isLeaf()) {
         if (places)
             std::memmove(mpucData + entryHashOffset(first + places), mpucData + entryHashOffset(first),
-                EntrySize * (last - first + 1));
+                         EntrySize * (last - first + 1));
         return;
     }
     if (bytes) {
@@ -178,8 +186,8 @@ void Node::pushEntries(unsigned first, unsigned last, unsigned places, int bytes
         std::memmove(records + (qint64(start) - bytes), records + start, end - start);
     }
     if (places)
-        std::memmove(
-            mpucData + slotOffset(first + places), mpucData + slotOffset(first), SlotSize * (last - first + 1));
+        std::memmove(mpucData + slotOffset(first + places), mpucData + slotOffset(first),
+                     SlotSize * (last - first + 1));
     if (bytes) {
         for (unsigned i = first + places; i <= last + places; ++i)
             setDataOffset(i, unsigned(qint64(dataOffset(i)) - bytes));
@@ -193,7 +201,7 @@ void Node::pullEntries(unsigned first, unsigned last, unsigned places)
     mbDirty = true;
     if (!isLeaf()) {
         std::memmove(mpucData + entryHashOffset(first - places), mpucData + entryHashOffset(first),
-            EntrySize * (last - first + 1));
+                     EntrySize * (last - first + 1));
         return;
     }
     // The gap is what the removed records took: from the end of the first of

@@ -30,7 +30,7 @@ class Node
 {
 public:
     Node(const boost::shared_ptr<Blocks>& blocks, quint64 id, void* data, const BPlusTreeLayout::Parameters& parameters,
-        bool dirty);
+         bool dirty);
     ~Node();
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
@@ -133,6 +133,9 @@ public:
 
     // Gives the block back; the destructor calls it.
     void flush();
+    // Gives the block back and has the cache forget it, so that it is read
+    // from the file, and checked, again next time.
+    void discard();
 
 private:
     unsigned hashOffset(unsigned i) const

@@ -35,7 +35,7 @@ public:
         , muiId(id)
         , muiSize(size)
         , muiVersion(version)
-    { }
+    {}
 
     static QByteArray content(quint32 id, quint32 version, unsigned size)
     {
@@ -188,7 +188,7 @@ TEST_F(BPlusTreeTest, OperationsOnAClosedTreeFailWithNotOpen)
 TEST_F(BPlusTreeTest, KeysOfOneHashGetSequenceNumbersAndReuseHoles)
 {
     BPlusTree tree;
-    ASSERT_TRUE(tree.create(path("tree"), 4096));
+    ASSERT_TRUE(tree.create(path("tree"), 512));
     RecordKey first(0x1234, 1, 24);
     RecordKey second(0x1234, 2, 24);
     RecordKey other(0x1235, 3, 24);
@@ -279,7 +279,7 @@ TEST_F(BPlusTreeTest, RecordsOfOneHashAcrossLeavesGoThroughTheRetry)
 TEST_F(BPlusTreeTest, LargestRecordsFitAndSplit)
 {
     BPlusTree tree;
-    ASSERT_TRUE(tree.create(path("tree"), 4096));
+    ASSERT_TRUE(tree.create(path("tree"), 1024));
     const unsigned largest = tree.maximumKeySize();
     RecordKey tooLarge(1, 999, largest + 1);
     EXPECT_FALSE(tree.insert(tooLarge));
@@ -498,7 +498,7 @@ TEST_P(BPlusTreeModelTest, RandomOperationsMatchTheModel)
     const RunParameters parameters = GetParam();
     const unsigned total = operations();
     const quint32 idSpace = qMax(total / 6, 64u);
-    const unsigned phaseLength = total / 16;
+    const unsigned phaseLength = total / 8;
     std::mt19937 random(parameters.seed);
 
     // A small cache, so that blocks leave it and come back from the file.
@@ -533,7 +533,7 @@ TEST_P(BPlusTreeModelTest, RandomOperationsMatchTheModel)
                 const quint32 expected = freeSequence(sequences[hash]);
                 ASSERT_TRUE(tree.insert(key)) << "op " << done << " error " << tree.lastError();
                 ASSERT_EQ(key.hash(), KeyHash(hash, expected)) << "op " << done;
-                model[id] = ModelEntry { hash, expected, size, 0 };
+                model[id] = ModelEntry{hash, expected, size, 0};
                 sequences[hash].insert(expected);
             }
         } else if (pick < insertShare + 20) {
@@ -616,9 +616,11 @@ TEST_P(BPlusTreeModelTest, RandomOperationsMatchTheModel)
 
 // 80 bytes is the smallest block whose records can hold a 4-byte id.
 INSTANTIATE_TEST_SUITE_P(BlockSizes, BPlusTreeModelTest,
-    ::testing::Values(
-        RunParameters { 80, 1 }, RunParameters { 128, 2 }, RunParameters { 512, 3 }, RunParameters { 4096, 4 }),
-    [](const ::testing::TestParamInfo<RunParameters>& info) { return "Block" + std::to_string(info.param.blockSize); });
+                         ::testing::Values(RunParameters{80, 1}, RunParameters{128, 2}, RunParameters{512, 3},
+                                           RunParameters{4096, 4}),
+                         [](const ::testing::TestParamInfo<RunParameters>& info) {
+                             return "Block" + std::to_string(info.param.blockSize);
+                         });
 
 // The smallest block of all holds only empty records: the hash alone tells
 // them apart.
@@ -737,7 +739,7 @@ TEST_F(BPlusTreeTest, RandomDamageNeverCrashesOrHangs)
     const quint64 usedBlocks = 0x200;
     std::mt19937 random(11);
     const char* longTests = std::getenv("BREVI_LONG_TESTS");
-    const unsigned rounds = longTests && *longTests ? 400 : 60;
+    const unsigned rounds = longTests && *longTests ? 400 : 30;
     for (unsigned round = 0; round < rounds; ++round) {
         QByteArray damaged = pristine;
         for (unsigned flips = 1 + random() % 4; flips; --flips) {
