@@ -63,7 +63,9 @@ void TCPSocket::createAndBind(const NetAddress& local, bool reuse)
         miSocket = -1;
         return;
     }
-    if (reuse && local.getPort() != 0) {
+    // Asked for at any port: connections accepted on a port chosen by the
+    // system inherit it, and a listener that restarts there needs it on both.
+    if (reuse) {
         const int on = 1;
         if (setsockopt(miSocket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0)
             BTRACE(TraceNormal) << "Failed to set address reuse for socket" << msName << TraceErrorCode(errno);

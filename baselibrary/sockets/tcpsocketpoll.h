@@ -45,8 +45,8 @@ public:
 
     // The event bits of `requested` and `returned`; the system's own values,
     // seen only in traces.
-    static const unsigned EventAccept = 8;
-    static const unsigned EventConnect = 16;
+    static constexpr unsigned EventAccept = 8;
+    static constexpr unsigned EventConnect = 16;
 
     // Nothing set.
     TCPSocketPoll();

@@ -71,10 +71,10 @@ public:
     };
 
     // Sockets per set.
-    static const unsigned SetSize = 4096;
+    static constexpr unsigned SetSize = 4096;
     // Resource failures in a row before a wait gives up, and the pause after each.
-    static const unsigned ResourceRetries = 100;
-    static const unsigned ResourceBackoffMs = 100;
+    static constexpr unsigned ResourceRetries = 100;
+    static constexpr unsigned ResourceBackoffMs = 100;
 
     // Empty sets.
     TCPSocketSelect();
