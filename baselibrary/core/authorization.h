@@ -20,7 +20,7 @@ public:
     Authorization() = default;
     Authorization(const QString& text)
         : msText(text)
-    { }
+    {}
 
     bool isEmpty() const { return msText.isEmpty(); }
     const QString& string() const { return msText; }

@@ -23,7 +23,7 @@ public:
     explicit ConvertableDataSize(double size = 0, SizeScaleE scale = ScaleBytes)
         : mdSize(size)
         , meScale(scale)
-    { }
+    {}
 
     double size() const { return mdSize; }
     SizeScaleE scale() const { return meScale; }

@@ -26,7 +26,7 @@ public:
     DataSize(unsigned long long size = 0, SizePrefixE prefix = PrefixAuto)
         : mullSize(size)
         , mePrefix(prefix)
-    { }
+    {}
 
     unsigned long long size() const { return mullSize; }
     SizePrefixE prefix() const { return mePrefix; }

@@ -21,7 +21,7 @@ public:
     MachineName() = default;
     MachineName(const QString& text)
         : HashedString(text)
-    { }
+    {}
 
     // The whole text.
     const QString& fullName() const { return msString; }

@@ -29,8 +29,8 @@ struct Keys {
     }
 };
 const Keys keys;
-const QString paths[6] = { "C:/Data/Folder 1/file.dat", "C:/Data/Folder 2/file.dat", "C:/Data/Folder 3/file.dat",
-    "C:/Data/Folder 4/file.dat", "C:/Data/Folder 5/file.dat", "C:/Data/Folder 6/file.dat" };
+const QString paths[6] = {"C:/Data/Folder 1/file.dat", "C:/Data/Folder 2/file.dat", "C:/Data/Folder 3/file.dat",
+                          "C:/Data/Folder 4/file.dat", "C:/Data/Folder 5/file.dat", "C:/Data/Folder 6/file.dat"};
 
 // 19 single items (strings, 32- and 64-bit numbers, a bool) and a nested list
 // of 4 items, like a request with an address in it.
@@ -86,8 +86,8 @@ unsigned long long readBody(const XmlList& body)
     if (body.get(text, "Comment"))
         sum += unsigned(text.size());
     const XmlListIterator address = body.first("Address");
-    sum += unsigned(address.getString("Machine").size()) + address.getUint32("Id")
-        + unsigned(address.getString("Name").size()) + unsigned(address.getString("Group").size());
+    sum += unsigned(address.getString("Machine").size()) + address.getUint32("Id") +
+           unsigned(address.getString("Name").size()) + unsigned(address.getString("Group").size());
     return sum;
 }
 
