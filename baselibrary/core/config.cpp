@@ -2,6 +2,7 @@
 
 #include "core/trace.h"
 #include "core/xmllist_p.h"
+#include "core/xmllisttext_p.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -38,7 +39,7 @@ bool parse(QFile& file, QDomDocument& document)
     QString error;
     int line = 0;
     int column = 0;
-    if (document.setContent(&file, true, &error, &line, &column))
+    if (XmlListText::parse(file.readAll(), document, error, line, column))
         return true;
     BTRACE(TraceAlways) << "Error parsing XML at line" << line << "column" << column << error << file.fileName();
     return false;

@@ -9,6 +9,6 @@ namespace Brevi {
 HashedString::HashedString(const QString& text)
     : msString(text)
     , muiHash(text.isEmpty() ? 0u : ::qHash(text, 0u))
-{ }
+{}
 
 } // namespace Brevi

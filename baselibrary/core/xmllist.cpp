@@ -4,6 +4,7 @@
 #include "core/machinename.h"
 #include "core/trace.h"
 #include "core/xmllist_p.h"
+#include "core/xmllisttext_p.h"
 
 namespace Brevi {
 
@@ -210,6 +211,9 @@ QByteArray XmlList::toBinary() const
 {
     if (isEmpty())
         return QByteArray();
+    QByteArray bytes;
+    if (XmlListText::write(moDoc, 1, bytes))
+        return bytes;
     return moDoc.toByteArray(1);
 }
 
@@ -220,7 +224,7 @@ bool XmlList::fromBinary(const QByteArray& bytes)
     QString error;
     int line = 0;
     int column = 0;
-    mbValid = moDoc.setContent(bytes, true, &error, &line, &column);
+    mbValid = XmlListText::parse(bytes, moDoc, error, line, column);
     if (!mbValid) {
         BTRACE(TraceAlways) << "Error parsing XML at line" << line << "column" << column << error;
         // What the parser built before it gave up is not a list: drop it, so

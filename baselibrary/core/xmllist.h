@@ -68,14 +68,14 @@ public:
     // What an item holds, from its argtype and the type of its value.
     enum ValueTypeE {
         ValueUnknown = 0,
-        ValueList = 1, // argtype "list" (or a value of type "list")
+        ValueList = 1,   // argtype "list" (or a value of type "list")
         ValueString = 2, // "string"
-        ValueInt32 = 3, // "int32", decimal
+        ValueInt32 = 3,  // "int32", decimal
         ValueUint32 = 4, // "uint32", decimal
-        ValueInt64 = 5, // "int64", decimal
+        ValueInt64 = 5,  // "int64", decimal
         ValueUint64 = 6, // "uint64", decimal
-        ValueBool = 7, // "bool", "True" or "False"
-        ValueData = 8 // "data", base64 of the bytes
+        ValueBool = 7,   // "bool", "True" or "False"
+        ValueData = 8    // "data", base64 of the bytes
     };
 
     // The last argument of every set.
@@ -115,7 +115,8 @@ public:
     // empty array gives a valid empty list. Text that does not parse traces
     // "Error parsing XML at line" with line and column, leaves the list invalid
     // with an empty document (no root) and gives false: callers must test the
-    // result.
+    // result. Text nested more than 1000 levels deep is refused the same way,
+    // since the DOM would exhaust the stack on it.
     bool fromBinary(const QByteArray& bytes);
 
     // The document itself, shared with every copy of this list.

@@ -31,7 +31,7 @@ public:
     XmlListIterator() = default;
     XmlListIterator(const QDomElement& element)
         : moElement(element)
-    { }
+    {}
     XmlListIterator& operator=(const QDomElement& element)
     {
         moElement = element;

@@ -160,7 +160,8 @@ void BinaryAddress::parse() const
 // text and one hash of the destination's bytes.
 bool BinaryAddress::parsePieces() const
 {
-    forget();
+    // The fields are clear here: text only arrives through fromRawData() and
+    // the constructors, which start from nothing.
     const unsigned size = moText.size();
     const unsigned char* text = moText.data();
     if (size < MinimumSize || text[TypeSeparatorOffset] != Separator)

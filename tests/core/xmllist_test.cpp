@@ -43,7 +43,7 @@ protected:
         TraceDump dump(nullptr, &start, nullptr);
         std::vector<Line> lines;
         while (auto entry = dump.popEntry())
-            lines.push_back({ entry->getLevel(), entry->getMessage() });
+            lines.push_back({entry->getLevel(), entry->getMessage()});
         return lines;
     }
 
@@ -54,7 +54,7 @@ protected:
         if (lines.size() == 1 && lines[0].level == level && lines[0].text.contains(text))
             return ::testing::AssertionSuccess();
         auto failure = ::testing::AssertionFailure()
-            << "expected one line at level " << level << " with \"" << text.toStdString() << "\", got:";
+                       << "expected one line at level " << level << " with \"" << text.toStdString() << "\", got:";
         for (const Line& line : lines)
             failure << "\n  [" << line.level << "] " << line.text.toStdString();
         return failure;
@@ -94,11 +94,11 @@ TEST_F(XmlListTest, TextFormIsTheDocumentWithIndentOne)
     ASSERT_TRUE(list.set("Host", "a", XmlList::SetModify));
     ASSERT_TRUE(list.set("Disks", disks, XmlList::SetModify));
 
-    EXPECT_EQ(normalisedLines(list.toBinary()),
-        QStringList(
-            { "<brevixmllist>", " <item argtype=\"single\" name=\"Host\">", "  <value type=\"string\">a</value>",
-                " </item>", " <item argtype=\"list\" name=\"Disks\">", "  <item argtype=\"single\" name=\"Size\">",
-                "   <value type=\"uint32\">7</value>", "  </item>", " </item>", "</brevixmllist>", "" }));
+    EXPECT_EQ(
+        normalisedLines(list.toBinary()),
+        QStringList({"<brevixmllist>", " <item argtype=\"single\" name=\"Host\">", "  <value type=\"string\">a</value>",
+                     " </item>", " <item argtype=\"list\" name=\"Disks\">", "  <item argtype=\"single\" name=\"Size\">",
+                     "   <value type=\"uint32\">7</value>", "  </item>", " </item>", "</brevixmllist>", ""}));
 
     XmlList read;
     ASSERT_TRUE(read.fromBinary(list.toBinary()));
@@ -204,7 +204,7 @@ TEST_F(XmlListTest, TypesAreMatchedStrictly)
     list.set("A", "x");
     list.set("N", 1u);
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.set("A", 1u, XmlList::SetModify)); }, TraceAlways,
-        "config item is not a 'uint32' argument type"));
+                           "config item is not a 'uint32' argument type"));
     QString text;
     EXPECT_TRUE(list.get(text, "A"));
     EXPECT_EQ(text, "x");
@@ -214,8 +214,8 @@ TEST_F(XmlListTest, TypesAreMatchedStrictly)
     EXPECT_EQ(signedValue, 42) << "a failed get leaves the target alone";
 
     XmlList nested;
-    EXPECT_TRUE(tracesOnce(
-        [&] { EXPECT_FALSE(list.set("N", nested, XmlList::SetModify)); }, TraceAlways, "is not a list type"));
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.set("N", nested, XmlList::SetModify)); }, TraceAlways,
+                           "is not a list type"));
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(nested, "A")); }, TraceAlways, "it is not of type list"));
 }
 
@@ -223,12 +223,12 @@ TEST_F(XmlListTest, MissingItemsAndBadNamesAreTracedAtTheirLevels)
 {
     XmlList list;
     unsigned value = 9;
-    EXPECT_TRUE(tracesOnce(
-        [&] { EXPECT_FALSE(list.get(value, "Absent")); }, TraceVerbose, "Failed to find config item to get 'Absent'"));
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(value, "Absent")); }, TraceVerbose,
+                           "Failed to find config item to get 'Absent'"));
     EXPECT_EQ(value, 9u);
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(value, "")); }, TraceAlways, "Invalid configitem name"));
-    EXPECT_TRUE(tracesOnce(
-        [&] { EXPECT_FALSE(list.set("", 1u)); }, TraceAlways, "Failed to set uint32 value, config name invalid"));
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.set("", 1u)); }, TraceAlways,
+                           "Failed to set uint32 value, config name invalid"));
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.set("", XmlList())); }, TraceAlways, "Invalid item name"));
     EXPECT_FALSE(list.remove("Absent"));
     EXPECT_EQ(list.size(), 0);
@@ -250,7 +250,7 @@ TEST_F(XmlListTest, BoolReadsOnesZerosAndWordsInAnyCase)
     EXPECT_TRUE(list.get(value, "c") && !value);
     value = true;
     EXPECT_TRUE(tracesOnce([&] { EXPECT_TRUE(list.get(value, "d")); }, TraceAlways,
-        "Invalid bool value needs to be 1, true, True, TRUE or 0, false, False, FALSE not 'yes'"));
+                           "Invalid bool value needs to be 1, true, True, TRUE or 0, false, False, FALSE not 'yes'"));
     EXPECT_FALSE(value);
 
     int number = 7;
@@ -276,7 +276,7 @@ TEST_F(XmlListTest, EmptyStringLosesItsTextNodeInTheTextForm)
 
 TEST_F(XmlListTest, NamesNeedEscapingSurviveTheTextForm)
 {
-    const QStringList names = { "a<b", "q\"uote", "apos'", "amp&", "two words", "line\nbreak", "tab\tstop", "ü" };
+    const QStringList names = {"a<b", "q\"uote", "apos'", "amp&", "two words", "line\nbreak", "tab\tstop", "ü"};
     XmlList list;
     for (int i = 0; i < names.size(); ++i)
         ASSERT_TRUE(list.set(names[i], i, XmlList::SetCreate));
@@ -351,8 +351,8 @@ TEST_F(XmlListTest, IteratorWalksStepsInAndEditsInPlace)
     XmlList deeper;
     deeper.set("Depth", 2);
     ASSERT_TRUE(list.create(disks, "Sub", deeper));
-    EXPECT_TRUE(tracesOnce(
-        [&] { EXPECT_FALSE(list.create(list.first("Host"), "X", 1u)); }, TraceAlways, "Failed to create item"));
+    EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.create(list.first("Host"), "X", 1u)); }, TraceAlways,
+                           "Failed to create item"));
 
     XmlListIterator it = list.first();
     EXPECT_EQ(it.name(), "Host");
@@ -393,8 +393,8 @@ TEST_F(XmlListTest, IteratorWalksStepsInAndEditsInPlace)
 
 TEST_F(XmlListTest, BrokenTextLeavesAnInvalidListThatRecovers)
 {
-    for (const QByteArray& text : { QByteArray("<brevixmllist><item argtype=\"single\" name=\"A\">"),
-             QByteArray("not xml at all"), QByteArray("<a></b>"), QByteArray("\0\1\2", 3) }) {
+    for (const QByteArray& text : {QByteArray("<brevixmllist><item argtype=\"single\" name=\"A\">"),
+                                   QByteArray("not xml at all"), QByteArray("<a></b>"), QByteArray("\0\1\2", 3)}) {
         XmlList list;
         list.set("Before", 1);
         XmlList copy = list;
@@ -434,7 +434,7 @@ class TreeMaker
 public:
     explicit TreeMaker(unsigned seed)
         : moRandom(seed)
-    { }
+    {}
 
     std::vector<Node> level(int depth)
     {
@@ -620,5 +620,156 @@ TEST_F(XmlListTest, RandomTreesSurviveConfigSaveAndLoad)
         ASSERT_TRUE(read.isValid()) << "seed " << seed;
         EXPECT_EQ(read.version(), 1);
         expectSameTree(tree, readBack(read, read.first()), "config " + QString::number(seed));
+    }
+}
+
+// --- the quick text paths against QDomDocument's own ----------------------------
+
+namespace {
+
+// Every property of a node that a parse can set, attributes in name order.
+QString describe(const QDomNode& node)
+{
+    QString text;
+    if (node.isElement()) {
+        const QDomElement element = node.toElement();
+        text += "E(" + element.tagName() + '|' + element.localName() + '|' +
+                (element.namespaceURI().isNull() ? "-" : element.namespaceURI());
+        QStringList attributes;
+        const QDomNamedNodeMap map = element.attributes();
+        for (int i = 0; i < map.count(); ++i) {
+            const QDomAttr attribute = map.item(i).toAttr();
+            attributes << attribute.name() + '|' + attribute.localName() + '|' +
+                              (attribute.namespaceURI().isNull() ? "-" : attribute.namespaceURI()) + '=' +
+                              attribute.value();
+        }
+        attributes.sort();
+        text += '[' + attributes.join(',') + ']';
+    } else {
+        text += QString("N%1(").arg(int(node.nodeType())) + node.nodeName() + '=' + node.nodeValue();
+    }
+    for (QDomNode child = node.firstChild(); !child.isNull(); child = child.nextSibling())
+        text += describe(child);
+    return text + ')';
+}
+
+// What fromBinary makes of the text must be what QDom's parser makes of it.
+::testing::AssertionResult parsesLikeQDom(const QByteArray& text)
+{
+    QDomDocument reference;
+    const bool referenceValid = reference.setContent(text, true);
+    XmlList list;
+    const bool valid = list.fromBinary(text);
+    if (valid != referenceValid)
+        return ::testing::AssertionFailure() << "QDom says " << referenceValid << " for: " << text.toStdString();
+    if (valid && describe(list.getXmlDoc()) != describe(reference))
+        return ::testing::AssertionFailure()
+               << "different documents for: " << text.toStdString() << "\n  "
+               << describe(list.getXmlDoc()).toStdString() << "\n  " << describe(reference).toStdString();
+    return ::testing::AssertionSuccess();
+}
+
+} // namespace
+
+TEST_F(XmlListTest, NestingIsLimitedBeforeTheStackIs)
+{
+    auto nested = [](int depth) {
+        QByteArray text;
+        for (int i = 0; i < depth; ++i)
+            text += "<item argtype='list' name='n'>";
+        for (int i = 0; i < depth; ++i)
+            text += "</item>";
+        return "<brevixmllist>" + text + "</brevixmllist>";
+    };
+    XmlList list;
+    ASSERT_TRUE(list.fromBinary(nested(999)));
+    int depth = 0;
+    for (XmlListIterator it = list.first(); !it.isNull(); it = it.listIterator())
+        ++depth;
+    EXPECT_EQ(depth, 999);
+    const XmlList copy = list.clone();
+    EXPECT_EQ(copy.toBinary(), list.toBinary());
+
+    const std::vector<Line> lines = linesOf([&] { EXPECT_FALSE(list.fromBinary(nested(100000))); });
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].text.startsWith("Error parsing XML at line 1 column 29985")) << lines[0].text.toStdString();
+    EXPECT_FALSE(list.isValid());
+}
+
+TEST_F(XmlListTest, TextFormIsWhatQDomWrites)
+{
+    Trace::setLevel(TraceAlways, TraceModuleXmlList);
+    for (unsigned seed = 2000; seed < 2100; ++seed) {
+        TreeMaker maker(seed);
+        std::vector<Node> tree = maker.level(0);
+        XmlList list;
+        ASSERT_NO_FATAL_FAILURE(maker.store(list, XmlListIterator(), tree));
+        if (list.isEmpty())
+            continue;
+        EXPECT_EQ(normalisedLines(list.toBinary()), normalisedLines(list.getXmlDoc().toByteArray(1)))
+            << "seed " << seed;
+        EXPECT_TRUE(parsesLikeQDom(list.toBinary())) << "seed " << seed;
+    }
+}
+
+TEST_F(XmlListTest, ParsesAsQDomDoes)
+{
+    const QList<QByteArray> texts = {
+        "<brevixmllist/>",
+        "  <a x='1' y = \"2\" >t</a >\n",
+        "<a><b/>mixed <c>content</c> here</a>",
+        "<a>&lt;&gt;&amp;&quot;&apos;&#60;&#x3C;&#x10348;&#xd;</a>",
+        "<a v='&#xa;&#x9;&#xd;&lt;&apos;'/>",
+        "<a>  leading and trailing  </a>",
+        "<a> \n\t </a>",
+        "<a>\xc2\xa0</a>",
+        "<a>&#x20;</a>",
+        "<a>]]</a>",
+        "<a>]]></a>",
+        "<a>\r\n</a>",
+        "<a>x\ry</a>",
+        "<a v='a\tb'/>",
+        "<a v=\"1\" v=\"2\"/>",
+        "<a v=\"1\"w=\"2\"/>",
+        "<a xmlns='urn:x'><b/></a>",
+        "<p:a xmlns:p='urn:p'/>",
+        "<?xml version='1.0' encoding='UTF-8'?><a/>",
+        "\xEF\xBB\xBF<a/>",
+        "<!-- c --><a/>",
+        "<a><![CDATA[<x>]]></a>",
+        "<!DOCTYPE a><a/>",
+        "<a>&unknown;</a>",
+        "<a>&#0;</a>",
+        "<a>&#xFFFE;</a>",
+        "<a>\xff</a>",
+        "<a>\xc3\xa9\xe2\x82\xac\xf0\x90\x8d\x88</a>",
+        "<a>\xe0\x80\x80</a>",
+        "<a/><b/>",
+        "<a></b>",
+        "<a>",
+        "text",
+        "<a/>trailing",
+        "<1a/>",
+        "<a-b.c_d/>",
+    };
+    for (const QByteArray& text : texts)
+        EXPECT_TRUE(parsesLikeQDom(text));
+
+    // Every cut and many one-byte changes of a real list.
+    XmlList list;
+    list.set("Host", QStringLiteral("a <b> & \"c\" é"));
+    XmlList inner;
+    inner.set("Size", 7u);
+    inner.set("Data", QByteArray("\1\2\3"));
+    list.set("Disks", inner);
+    const QByteArray text = list.toBinary();
+    for (int cut = 1; cut < text.size(); ++cut)
+        EXPECT_TRUE(parsesLikeQDom(text.left(cut))) << "cut at " << cut;
+    std::mt19937 random(7);
+    const char replacements[] = "<>/&;'\"= \t\r\n\x01\x80\xc3#xa";
+    for (int i = 0; i < 3000; ++i) {
+        QByteArray changed = text;
+        changed[int(random() % unsigned(text.size()))] = replacements[random() % (sizeof(replacements) - 1)];
+        EXPECT_TRUE(parsesLikeQDom(changed));
     }
 }

@@ -21,20 +21,6 @@ namespace {
 class BlocksTest : public PersistentTest::Fixture
 {
 protected:
-    QByteArray bytesAt(const QString& file, qint64 offset, int count)
-    {
-        QFile in(file);
-        if (!in.open(QIODevice::ReadOnly) || !in.seek(offset))
-            return QByteArray();
-        return in.read(count);
-    }
-    void patch(const QString& file, qint64 offset, const QByteArray& bytes)
-    {
-        QFile out(file);
-        ASSERT_TRUE(out.open(QIODevice::ReadWrite));
-        ASSERT_TRUE(out.seek(offset));
-        ASSERT_EQ(out.write(bytes), bytes.size());
-    }
     QByteArray le64(quint64 value)
     {
         QByteArray bytes(8, 0);
@@ -63,61 +49,36 @@ const QByteArray Zero64(64, 0);
 
 } // namespace
 
-TEST_F(BlocksTest, BlockSizeMustHoldTheControlRecord)
+TEST_F(BlocksTest, TheFileGrowsInStepsAndListsNewIdsLowestFirst)
 {
     Blocks blocks;
     EXPECT_FALSE(blocks.create(path("small"), 23, 0, 0, RawFile::eReadWrite));
     EXPECT_TRUE(traced("Invalid block size must be greater that"));
-    EXPECT_FALSE(blocks);
-    EXPECT_TRUE(blocks.create(path("exact"), 24, 0, 0, RawFile::eReadWrite));
-    EXPECT_EQ(blocks.blockSize(), 24u);
-    EXPECT_TRUE(blocks.close());
-    EXPECT_TRUE(sound(path("exact")));
-}
-
-TEST_F(BlocksTest, DefaultGrowthListsTheNewIdsLowestFirst)
-{
-    Blocks blocks;
-    ASSERT_TRUE(blocks.create(path("grown"), 512, 0, 0, RawFile::eReadWrite));
+    ASSERT_TRUE(blocks.create(path("grown"), 24, 0, 0, RawFile::eReadWrite));
     EXPECT_EQ(blocks.totalBlockCount(), 10240u);
     EXPECT_EQ(blocks.usedBlockCount(), 1u) << "block 0 counts as used";
-    EXPECT_EQ(QFile(path("grown")).size(), 10240 * 512);
-    EXPECT_EQ(blocks.idMask(), ~quint64(0));
-    EXPECT_EQ(blocks.firstBlock(), 1u);
-
+    EXPECT_EQ(QFile(path("grown")).size(), 10240 * 24);
     quint64 first = 0, second = 0;
-    void* a = blocks.newBlock(first);
-    void* b = blocks.newBlock(second);
+    blocks.returnBlock(blocks.newBlock(first), false);
+    blocks.returnBlock(blocks.newBlock(second), false);
     EXPECT_EQ(first, 1u);
     EXPECT_EQ(second, 2u);
-    EXPECT_EQ(blocks.usedBlockCount(), 3u);
-    EXPECT_TRUE(blocks.returnBlock(a, false));
-    EXPECT_TRUE(blocks.returnBlock(b, false));
     EXPECT_EQ(blocks.getBlock(0), nullptr) << "id 0 is no block";
     EXPECT_TRUE(blocks.close());
     EXPECT_TRUE(sound(path("grown")));
-}
 
-TEST_F(BlocksTest, WithoutAGrowStepTheFileGrowsOneBlockAtATime)
-{
-    Blocks blocks;
+    // Less than two blocks' worth: one block at a time.
     ASSERT_TRUE(blocks.create(path("slow"), 64, 0, 100, RawFile::eReadWrite));
     EXPECT_EQ(blocks.totalBlockCount(), 1u);
     for (quint64 expected = 1; expected <= 3; ++expected) {
         quint64 id = 0;
-        void* block = blocks.newBlock(id);
-        ASSERT_NE(block, nullptr);
+        blocks.returnBlock(blocks.newBlock(id), false);
         EXPECT_EQ(id, expected);
         EXPECT_EQ(blocks.totalBlockCount(), expected + 1);
-        blocks.returnBlock(block, false);
     }
     EXPECT_EQ(QFile(path("slow")).size(), 4 * 64);
-    EXPECT_TRUE(blocks.close());
-    EXPECT_TRUE(sound(path("slow")));
-
     // Reopened, the default step is that of open, not of create.
     ASSERT_TRUE(blocks.open(path("slow"), 0, RawFile::eReadOnly));
-    EXPECT_EQ(blocks.growStep(), 1024u);
     quint64 id = 0;
     blocks.returnBlock(blocks.newBlock(id), false);
     EXPECT_EQ(id, 4u);
@@ -139,10 +100,12 @@ TEST_F(BlocksTest, ContentsAndCountsSurviveReopening)
             EXPECT_TRUE(blocks.returnBlock(block, true));
         }
         // Write-through: the bytes are on disk before any close.
-        EXPECT_EQ(bytesAt(path("keep"), 128 * 2, 128), QByteArray(128, 2));
+        EXPECT_EQ(fileBytes(path("keep"), 128 * 2, 128), QByteArray(128, 2));
         const void* middle = blocks.getBlock(ids[1]);
         EXPECT_TRUE(blocks.freeBlock(middle));
-        EXPECT_EQ(bytesAt(path("keep"), 128 * 2, 128), QByteArray(128, 0)) << "freed blocks are zeroed at once";
+        EXPECT_EQ(fileBytes(path("keep"), 128 * 2, 128), QByteArray(128, 0)) << "freed blocks are zeroed at once";
+        EXPECT_EQ(blocks.getBlock(ids[1]), nullptr);
+        EXPECT_TRUE(traced("Attempt to get a discarded block"));
     }
     Blocks blocks;
     ASSERT_TRUE(blocks.open(path("keep"), 0, RawFile::eReadWrite));
@@ -161,36 +124,6 @@ TEST_F(BlocksTest, ContentsAndCountsSurviveReopening)
     blocks.returnBlock(block, false);
     blocks.close();
     EXPECT_TRUE(sound(path("keep")));
-}
-
-TEST_F(BlocksTest, GenerationsKeepStaleIdsAwayFromReusedBlocks)
-{
-    Blocks blocks;
-    ASSERT_TRUE(blocks.create(path("gen"), 64, 16, 0, RawFile::eReadWrite));
-    EXPECT_EQ(blocks.idMask(), 0x0000FFFFFFFFFFFFull);
-    quint64 id = 0;
-    for (int i = 0; i < 5; ++i)
-        blocks.returnBlock(blocks.newBlock(id), false);
-    ASSERT_EQ(id, 5u);
-    EXPECT_TRUE(blocks.freeBlock(blocks.getBlock(5)));
-    EXPECT_EQ(blocks.getBlock(5), nullptr);
-    EXPECT_TRUE(traced("Attempt to get a discarded block"));
-
-    quint64 again = 0;
-    void* block = blocks.newBlock(again);
-    EXPECT_EQ(again, 0x0001000000000005ull);
-    EXPECT_EQ(blocks.number(block), again);
-    blocks.returnBlock(block, false);
-    blocks.close();
-
-    // With no generation bits the id comes back unchanged.
-    Blocks plain;
-    ASSERT_TRUE(plain.create(path("plain"), 64, 0, 0, RawFile::eReadWrite));
-    quint64 first = 0;
-    plain.freeBlock(plain.newBlock(first));
-    quint64 second = 0;
-    plain.returnBlock(plain.newBlock(second), false);
-    EXPECT_EQ(second, first);
 }
 
 TEST_F(BlocksTest, TheIdSpaceEndsAtTheMask)
@@ -254,7 +187,7 @@ TEST_F(BlocksTest, AFreedBlockWaitsAtTheHeadAndComesBackZeroed)
     void* b = cache.getBlock(2);
     cache.returnBlock(b, false);
     EXPECT_EQ(cache.freeBlock(a), 1u);
-    EXPECT_EQ(bytesAt(path("cache"), 64, 64), Zero64);
+    EXPECT_EQ(fileBytes(path("cache"), 64, 64), Zero64);
     EXPECT_EQ(cache.getBlock(1), nullptr);
     EXPECT_TRUE(traced("Attempt to get a discarded block"));
 
@@ -280,52 +213,29 @@ TEST_F(BlocksTest, WriteBackCacheWritesOnFlushAndEviction)
     unsigned char* a = static_cast<unsigned char*>(cache.getBlock(1));
     a[0] = 0xAA;
     EXPECT_TRUE(cache.returnBlock(a, true));
-    EXPECT_EQ(bytesAt(path("cache"), 64, 1), QByteArray(1, 1)) << "not written yet";
+    EXPECT_EQ(fileBytes(path("cache"), 64, 1), QByteArray(1, 1)) << "not written yet";
     EXPECT_TRUE(cache.flush());
-    EXPECT_EQ(bytesAt(path("cache"), 64, 1), QByteArray(1, char(0xAA)));
+    EXPECT_EQ(fileBytes(path("cache"), 64, 1), QByteArray(1, char(0xAA)));
 
     unsigned char* b = static_cast<unsigned char*>(cache.getBlock(2));
     b[0] = 0xBB;
     cache.returnBlock(b, true);
     cache.returnBlock(cache.getBlock(3), false);
     cache.returnBlock(cache.getBlock(4), false);
-    EXPECT_EQ(bytesAt(path("cache"), 128, 1), QByteArray(1, char(0xBB))) << "written when evicted";
+    EXPECT_EQ(fileBytes(path("cache"), 128, 1), QByteArray(1, char(0xBB))) << "written when evicted";
 
     unsigned char* d = static_cast<unsigned char*>(cache.getBlock(4));
     d[0] = 0xDD;
     cache.discardBlock(d);
     EXPECT_TRUE(cache.close());
-    EXPECT_EQ(bytesAt(path("cache"), 256, 1), QByteArray(1, 4)) << "discarded changes vanish";
-}
-
-TEST_F(BlocksTest, WithoutACacheBlocksGoWithTheirLastReference)
-{
-    makeCacheFile(path("cache"), 4);
-    BlockCache cache(0, true);
-    ASSERT_TRUE(cache.create(path("cache"), 64, ~quint64(0), RawFile::eReadWrite));
-    void* a = cache.getBlock(1);
-    EXPECT_EQ(cache.getBlock(1), a);
-    cache.returnBlock(a, false);
-    EXPECT_EQ(cache.size(), 1u);
-    cache.returnBlock(a, false);
-    EXPECT_EQ(cache.size(), 0u);
-    EXPECT_EQ(cache.hits() + cache.misses(), 0u);
-
-    void* made = cache.newBlock(2);
-    ASSERT_NE(made, nullptr);
-    EXPECT_EQ(cache.newBlock(2), nullptr);
-    EXPECT_TRUE(traced("is already in hash and inuse"));
-    cache.returnBlock(made, false);
+    EXPECT_EQ(fileBytes(path("cache"), 256, 1), QByteArray(1, 4)) << "discarded changes vanish";
 }
 
 TEST_F(BlocksTest, BadPointersAndOverwrittenGuardsAreRefused)
 {
     Blocks blocks;
     ASSERT_TRUE(blocks.create(path("guard"), 64, 0, 0, RawFile::eReadWrite));
-    EXPECT_FALSE(blocks.returnBlock(nullptr, true));
-    EXPECT_FALSE(blocks.freeBlock(nullptr));
-    EXPECT_FALSE(blocks.discardBlock(nullptr));
-    EXPECT_FALSE(blocks.updateBlock(nullptr));
+    EXPECT_FALSE(blocks.returnBlock(nullptr, true) || blocks.freeBlock(nullptr) || blocks.updateBlock(nullptr));
 
     // Memory that is not a block: zeros where a header would be.
     std::vector<unsigned char> stray(256, 0);
@@ -365,7 +275,7 @@ TEST_F(BlocksTest, FilesThatAreNotBlockFilesAreRefused)
     // Sound record, nonsense block sizes.
     ASSERT_TRUE(blocks.create(file, 64, 0, 0, RawFile::eReadWrite));
     blocks.close();
-    const QByteArray original = bytesAt(file, 0, 24);
+    const QByteArray original = fileBytes(file, 0, 24);
     for (unsigned size : { 0u, 7u, 0xFFFFFFF0u }) {
         QByteArray word(4, 0);
         ByteOrder::store32(word.data(), size);
@@ -383,41 +293,12 @@ TEST_F(BlocksTest, FilesThatAreNotBlockFilesAreRefused)
     QFile::remove(file + ".free");
     EXPECT_FALSE(blocks.open(file, 0, RawFile::eReadWrite));
     EXPECT_TRUE(traced("Failed to open freelist file for"));
-    EXPECT_EQ(bytesAt(file, 0, 24), original) << "nothing was written";
+    EXPECT_EQ(fileBytes(file, 0, 24), original) << "nothing was written";
 }
 
-TEST_F(BlocksTest, FreeEntriesOutsideTheFileAreDroppedNotUsed)
+TEST_F(BlocksTest, CheckerFindsBadFreeEntriesAndBlocksDropsThem)
 {
     const QString file = path("listed");
-    {
-        Blocks blocks;
-        ASSERT_TRUE(blocks.create(file, 64, 0, 64 * 8, RawFile::eReadWrite));
-    }
-    // Entry 6 is the top of the stack; make it name block 0, entry 5 a block
-    // beyond the total count.
-    patch(file + ".free", 4096 + 8 * 6, le64(0));
-    patch(file + ".free", 4096 + 8 * 5, le64(500));
-    BlockFileReport report;
-    EXPECT_FALSE(BlockFileCheck::checkBlockFile(file, report));
-    EXPECT_EQ(report.problems.size(), 2);
-
-    const QByteArray control = bytesAt(file, 0, 64);
-    Blocks blocks;
-    ASSERT_TRUE(blocks.open(file, 0, RawFile::eReadWrite));
-    quint64 id = 0;
-    void* block = blocks.newBlock(id);
-    EXPECT_TRUE(traced("Invalid block id in free list"));
-    EXPECT_EQ(id, 3u) << "the next sound entry";
-    blocks.returnBlock(block, false);
-    blocks.close();
-    EXPECT_EQ(bytesAt(file, 0, 64), control) << "block 0 untouched";
-    EXPECT_EQ(QFile(file).size(), 8 * 64) << "nothing written beyond the blocks";
-    EXPECT_TRUE(sound(file));
-}
-
-TEST_F(BlocksTest, CheckerFindsDuplicateAndDirtyFreeBlocks)
-{
-    const QString file = path("checked");
     {
         Blocks blocks;
         ASSERT_TRUE(blocks.create(file, 64, 0, 64 * 8, RawFile::eReadWrite));
@@ -428,12 +309,32 @@ TEST_F(BlocksTest, CheckerFindsDuplicateAndDirtyFreeBlocks)
     EXPECT_EQ(report.freeEntryCount, 7u);
     EXPECT_EQ(report.usedBlockCount, 1u);
 
+    // Entries 0 to 6 list blocks 7 down to 1. A block listed twice, a free
+    // block written over:
     patch(file + ".free", 4096, le64(3));
-    EXPECT_FALSE(BlockFileCheck::checkBlockFile(file, report));
-    EXPECT_TRUE(report.problems.join(" ").contains("more than once"));
-
-    patch(file + ".free", 4096, le64(7));
     patch(file, 64 * 4 + 10, QByteArray("written after free"));
     EXPECT_FALSE(BlockFileCheck::checkBlockFile(file, report));
+    EXPECT_TRUE(report.problems.join(" ").contains("block 3 is on the free list more than once"));
     EXPECT_TRUE(report.problems.join(" ").contains("free block 4 is not zero"));
+    patch(file + ".free", 4096, le64(7));
+    patch(file, 64 * 4, Zero64);
+
+    // The top of the stack names block 0, the next a block beyond the count.
+    patch(file + ".free", 4096 + 8 * 6, le64(0));
+    patch(file + ".free", 4096 + 8 * 5, le64(500));
+    EXPECT_FALSE(BlockFileCheck::checkBlockFile(file, report));
+    EXPECT_EQ(report.problems.size(), 2);
+
+    const QByteArray control = fileBytes(file, 0, 64);
+    Blocks blocks;
+    ASSERT_TRUE(blocks.open(file, 0, RawFile::eReadWrite));
+    quint64 id = 0;
+    void* block = blocks.newBlock(id);
+    EXPECT_TRUE(traced("Invalid block id in free list"));
+    EXPECT_EQ(id, 3u) << "the next sound entry";
+    blocks.returnBlock(block, false);
+    blocks.close();
+    EXPECT_EQ(fileBytes(file, 0, 64), control) << "block 0 untouched";
+    EXPECT_EQ(QFile(file).size(), 8 * 64) << "nothing written beyond the blocks";
+    EXPECT_TRUE(sound(file));
 }

@@ -10,8 +10,6 @@
 #include <QFile>
 
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <random>
 
@@ -24,17 +22,8 @@ namespace {
 class RawFileTest : public PersistentTest::Fixture
 {
 protected:
-    void writeFile(const QString& name, const QByteArray& bytes)
-    {
-        QFile file(path(name));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(bytes);
-    }
-    QByteArray readFile(const QString& name)
-    {
-        QFile file(path(name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    void writeFile(const QString& name, const QByteArray& bytes) { patch(path(name), 0, bytes); }
+    QByteArray readFile(const QString& name) { return fileBytes(path(name)); }
 };
 
 QByteArray pattern(int n)
@@ -76,21 +65,6 @@ TEST_F(RawFileTest, OpenCreateAndCloseFollowTheirResultRules)
     EXPECT_TRUE(made.close());
 }
 
-TEST_F(RawFileTest, ReadOnlyModesRefuseWritesAndRecordTheError)
-{
-    writeFile("data", "0123456789");
-    for (RawFile::Mode mode : { RawFile::eReadOnly, RawFile::eReadOnlyRandom, RawFile::eReadOnlySequential }) {
-        RawFile file(path("data"), mode);
-        ASSERT_TRUE(file);
-        char bytes[10];
-        EXPECT_EQ(file.read(bytes, 10), 10u);
-        EXPECT_EQ(file.write("x", 1), 0u);
-        EXPECT_EQ(file.lastError(), unsigned(EBADF));
-        EXPECT_TRUE(traced("Write to"));
-    }
-    EXPECT_EQ(readFile("data"), QByteArray("0123456789"));
-}
-
 TEST_F(RawFileTest, ExtentTransfersStopAtTheEndAndRememberFailures)
 {
     writeFile("short", "abc");
@@ -103,6 +77,8 @@ TEST_F(RawFileTest, ExtentTransfersStopAtTheEndAndRememberFailures)
 
     // After one failure in the object's life, every short transfer is false.
     EXPECT_EQ(file.write("x", 1), 0u);
+    EXPECT_EQ(file.lastError(), unsigned(EBADF));
+    EXPECT_TRUE(traced("Write to"));
     ASSERT_TRUE(file.setPosition(0, RawFile::eStart));
     Extent again(bytes, 8);
     EXPECT_FALSE(file.read(again));
@@ -153,11 +129,6 @@ TEST_F(RawFileTest, TruncateSetsTheEndAndLeavesThePositionThere)
     ASSERT_TRUE(file.truncate(1 << 20, true));
     EXPECT_EQ(file.size(), quint64(1 << 20));
     EXPECT_EQ(file.getPosition(), quint64(1 << 20));
-
-    RawFile readOnly(path("t"), RawFile::eReadOnly);
-    EXPECT_FALSE(readOnly.truncate(0, false));
-    EXPECT_TRUE(traced("Truncate of"));
-    EXPECT_EQ(file.size(), quint64(1 << 20));
 }
 
 TEST_F(RawFileTest, DeleteOnCloseLastsForOneOpen)
@@ -187,10 +158,6 @@ TEST_F(RawFileTest, CloneOpensThePathAgainAsAPlainFile)
     EXPECT_EQ(dynamic_cast<BufferedFile*>(clone.get()), nullptr) << "a buffered file clones unbuffered";
     EXPECT_EQ(clone->mode(), RawFile::eReadWrite);
     EXPECT_EQ(clone->path(), path("c"));
-
-    RawFile closed;
-    std::unique_ptr<RawFile> none(closed.clone(RawFile::eReadOnly));
-    EXPECT_FALSE(*none);
 }
 
 TEST_F(RawFileTest, LocksExcludeOtherOpensEvenInOneProcess)
@@ -207,30 +174,6 @@ TEST_F(RawFileTest, LocksExcludeOtherOpensEvenInOneProcess)
     EXPECT_TRUE(first.lock(0, 2)) << "closing releases";
 }
 
-TEST_F(RawFileTest, UnbufferedModeTransfersAlignedBlocks)
-{
-    void* memory = nullptr;
-    ASSERT_EQ(posix_memalign(&memory, 4096, 8192), 0);
-    std::unique_ptr<void, void (*)(void*)> aligned(memory, std::free);
-    unsigned char* bytes = static_cast<unsigned char*>(memory);
-    for (int i = 0; i < 8192; ++i)
-        bytes[i] = static_cast<unsigned char>(i * 13);
-
-    RawFile file;
-    if (!file.create(path("direct"), RawFile::eReadWriteUnbuffered) && file.lastError() == unsigned(EINVAL))
-        GTEST_SKIP() << "the file system here refuses direct transfers";
-    ASSERT_TRUE(file);
-    ASSERT_EQ(file.write(bytes, 8192), 8192u);
-    file.close();
-
-    RawFile reader(path("direct"), RawFile::eReadOnlyUnbuffered);
-    ASSERT_TRUE(reader);
-    ASSERT_TRUE(reader.setPosition(4096, RawFile::eStart));
-    std::memset(bytes, 0, 8192);
-    ASSERT_EQ(reader.read(bytes, 4096), 4096u);
-    EXPECT_EQ(bytes[1], static_cast<unsigned char>((4096 + 1) * 13));
-}
-
 TEST_F(RawFileTest, VolumeIsTheMountPointHoldingThePath)
 {
     const QString volume = RawFile::volume(path("not/yet/there"));
@@ -241,17 +184,6 @@ TEST_F(RawFileTest, VolumeIsTheMountPointHoldingThePath)
     EXPECT_EQ(RawFile::volume("/"), QString("/"));
     EXPECT_EQ(RawFile::volume("/proc/self/status"), QString("/proc/"));
     EXPECT_TRUE(RawFile::volume(QString()).isEmpty());
-}
-
-TEST_F(RawFileTest, ModesAndOriginsTraceTheirNames)
-{
-    BREVI_TRACE(TraceModuleRawFile, TraceAlways)
-        << RawFile::eReadWriteSequential << RawFile::eEnd << RawFile::Mode(9) << RawFile::Where(0) << "end";
-    const QStringList lines = newLines();
-    ASSERT_FALSE(lines.isEmpty());
-    EXPECT_TRUE(lines.last().contains("RawFile:eReadWriteSequential"));
-    EXPECT_TRUE(lines.last().contains("RawFile:eEnd"));
-    EXPECT_FALSE(lines.last().contains("9")) << "a value out of range writes nothing";
 }
 
 TEST_F(RawFileTest, BufferedWritesGoOutBehindAndTheBigOnesDirectly)

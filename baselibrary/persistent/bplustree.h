@@ -1,0 +1,165 @@
+#ifndef BASELIBRARY_PERSISTENT_BPLUSTREE_H
+#define BASELIBRARY_PERSISTENT_BPLUSTREE_H
+
+#include "brevi_export.h"
+#include "core/operatorboolgenerator.h"
+#include "persistent/bplustreelayout.h"
+#include "persistent/key.h"
+
+#include <QHash>
+#include <QList>
+#include <QString>
+
+#include <boost/shared_ptr.hpp>
+
+namespace Brevi {
+
+class Anchor;
+class Blocks;
+class Node;
+
+// A persistent B+ tree of variable-size records in a block file (layout in
+// persistent/bplustreelayout.h).
+//
+// Records are found by KeyHash: the 32-bit hash of the record's key and a
+// sequence number that the tree gives to tell apart the records of one hash.
+// The caller derives a Key that knows the record's format, its hash and its
+// equality; the tree stores what the Key writes. insert() places a key and
+// gives it its final KeyHash; later find(const Key&), update() and remove() go
+// straight to that place, while find(Key&) looks a key up by hash and equality
+// alone and loads the record into it.
+//
+// Every operation reaches the file before it returns: the block file is
+// write-through, so the file is whole whenever the process stops between
+// operations. Between operations the tree holds only its header block and its
+// root node.
+//
+// Failure: false, and lastError() tells why (Result); each failure is also
+// traced at TraceAlways. lastError() is not reset by a later success of
+// insert() or find(): it tells what the last failure was. A damaged file gives
+// eFileError, never a crash; what an operation changed before it met the
+// damage stays.
+//
+// One thread at a time; nothing locks. A copy shares the open tree with its
+// original (block file, header and root), so each sees the other's changes;
+// copies are not to be used at the same time either. close(), create() and
+// open() on one copy leave the others with the tree they had, and the file is
+// closed when the last copy lets go of it.
+class BREVI_EXPORT BPlusTree
+{
+public:
+    enum Result {
+        eSuccess = 0,
+        // insert(): a record equal to the key is already in the tree.
+        eDuplicate = 1,
+        eNotFound = 2,
+        eNotOpen = 3,
+        // update(): the record's size differs from the stored one.
+        eSizeMismatch = 4,
+        // A node could not be read, written or allocated, or is not well
+        // formed.
+        eFileError = 5,
+        // insert(): the record is larger than maximumKeySize().
+        eTooLarge = 6
+    };
+    enum InsertResult { eInsertDone = 0, eInsertSplit = 1, eInsertRetry = 2, eInsertFailed = 3 };
+    enum DeleteResult { eDeleteDone = 0, eDeleteMergedLeft = 1, eDeleteMergedRight = 2 };
+
+    // `cacheSize` blocks are kept in memory between operations.
+    explicit BPlusTree(unsigned cacheSize = 1024);
+    BPlusTree(const BPlusTree& other);
+    BPlusTree& operator=(const BPlusTree& other);
+    // Writes the header and releases everything; the last copy closes the file.
+    ~BPlusTree();
+
+    // Makes a new, empty tree in `path` (and `path`.free). `blockSize` is at
+    // least BPlusTreeLayout::MinimumBlockSize; 4096 suits most records.
+    bool create(const QString& path, unsigned blockSize);
+    // Opens an existing tree. A header without a root, or a root that is not a
+    // well-formed node, is refused.
+    bool open(const QString& path);
+    bool close();
+
+    // Places a new record. On success `key` holds its final KeyHash. Fails with
+    // eDuplicate when an equal record is there.
+    bool insert(Key& key);
+    // Looks up a record by the key's hash and equal(); on success load()s it
+    // into `key` and gives the key its KeyHash (setHash). Not finding it is no
+    // error. Note that a non-const key picks this overload.
+    bool find(Key& key);
+    // Whether the record at the key's full KeyHash is there. Not finding it is
+    // no error.
+    bool find(const Key& key);
+    // Rewrites the record at the key's full KeyHash in place; the size must
+    // stay (eSizeMismatch), and the record must be there (eNotFound).
+    bool update(const Key& key);
+    // Removes the record at the key's full KeyHash (eNotFound if none).
+    bool remove(const Key& key);
+
+    Result lastError() const { return meLastError; }
+    // The largest record a key may have; 0 while closed.
+    unsigned maximumKeySize() const;
+    quint64 cacheHits() const;
+    quint64 cacheMisses() const;
+    unsigned cacheSize() const;
+
+    // True while the tree is open.
+    operator OperatorBoolGenerator<BPlusTree>::Result() const
+    {
+        return OperatorBoolGenerator<BPlusTree>::make(isOpen());
+    }
+
+    // Traces every node, level by level.
+    void display();
+    // Traces every record, left to right, through key.display().
+    void displayKeys(const Key& key);
+
+private:
+    typedef boost::shared_ptr<Node> NodePtr;
+    // What copies share: the open file, its header block and the root node.
+    struct Body;
+
+    bool isOpen() const;
+    // The start of every operation: the tree must be open.
+    bool begin(const char* operation);
+    // The end of every operation: the node hash is emptied, which writes the
+    // changed nodes, and the root is written if it has changed.
+    void finishOperation(bool writeRoot);
+    // A fresh closed Body when this one is shared or not there.
+    void detach();
+    bool fail(Result error);
+
+    bool setRoot(const NodePtr& node);
+    NodePtr newNode(bool leaf);
+    NodePtr readNode(quint64 id, bool root = false);
+    void deleteNode(quint64 id);
+    // Descends by the key's full KeyHash to mpoNode and muiSlot.
+    bool doFind(const Key& key);
+    NodePtr descend(const KeyHash& hash, unsigned& slot, int& iFindResult);
+    // The next leaf to the right, for walks along the leaves; null at the right
+    // edge or on a damaged chain. `release` lets go of the leaf left behind.
+    NodePtr nextLeaf(const NodePtr& leaf, quint64& steps, bool release);
+    InsertResult insertKey(Key& key, const NodePtr& node, KeyHash& hash, unsigned depth = 0);
+    DeleteResult deleteKey(const Key& key, const NodePtr& node, quint64 parent, quint64 left, quint64 right,
+        Anchor& leftAnchor, Anchor& rightAnchor, unsigned depth = 0);
+    DeleteResult rebalance(const NodePtr& node, unsigned slot, quint64 parent, quint64 left, quint64 right,
+        Anchor& leftAnchor, Anchor& rightAnchor);
+    QList<quint64> displayLevel(const QList<quint64>& ids, unsigned level);
+
+    boost::shared_ptr<Body> mptBody;
+    // Nodes read or made during one operation, by block id ("NodeHash").
+    QHash<quint64, NodePtr> moNodeHash;
+    Result meLastError = eSuccess;
+    // The highest node on a deletion's path from which rebalancing is needed.
+    quint64 mullRebalanceId = 0;
+    // What a split hands up to the parent.
+    ChildEntry moSplitEntry;
+    // The position doFind() found.
+    unsigned muiSlot = 0;
+    NodePtr mpoNode;
+    unsigned muiCacheSize;
+};
+
+} // namespace Brevi
+
+#endif

@@ -1,0 +1,419 @@
+// Starting real children: pipes, standard input, arguments, environment,
+// liveness, copies and repeated starts, and every failure with nothing left
+// open.
+#include "processtest.h"
+
+#include "process/spawn.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using Brevi::Spawn;
+using ProcessTest::helper;
+using ProcessTest::inContext;
+using ProcessTest::openDescriptors;
+using ProcessTest::readAndClose;
+using ProcessTest::TraceWatch;
+
+namespace {
+
+bool setUp(Spawn& spawn, const QString& program, const QStringList& arguments)
+{
+    bool ok = spawn.setProgram(program);
+    for (const QString& argument : arguments)
+        ok = spawn.addArgument(argument) && ok;
+    return ok;
+}
+
+int exitCodeOf(Spawn& spawn)
+{
+    int code = -1;
+    return spawn.getOSHandle() && spawn.getOSHandle()->wait(&code) ? code : -1;
+}
+
+TEST(SpawnRun, BothPipesOneForOutputAndError)
+{
+    Spawn spawn;
+    ASSERT_TRUE(setUp(spawn, "/bin/sh", { "-c", "cat; echo err >&2" }));
+    spawn.setPipeInput();
+    spawn.setPipeOutput();
+    EXPECT_EQ(spawn.getPipeInputHandle(), nullptr);
+    ASSERT_TRUE(spawn.spawn());
+    EXPECT_TRUE(spawn);
+    EXPECT_GT(spawn.getOSPid(), 0u);
+    FILE* in = spawn.getPipeInputHandle();
+    FILE* out = spawn.getPipeOutputHandle();
+    ASSERT_NE(in, nullptr);
+    ASSERT_NE(out, nullptr);
+    // Each is handed out once.
+    EXPECT_EQ(spawn.getPipeInputHandle(), nullptr);
+    EXPECT_EQ(spawn.getPipeOutputHandle(), nullptr);
+
+    // More than a default pipe holds, all written before anything is read.
+    QByteArray sent;
+    for (int i = 0; i < 20000; ++i)
+        sent += "line " + QByteArray::number(i) + '\n';
+    ASSERT_EQ(fwrite(sent.constData(), 1, size_t(sent.size()), in), size_t(sent.size()));
+    fclose(in);
+    EXPECT_EQ(readAndClose(out), sent + "err\n");
+    EXPECT_EQ(exitCodeOf(spawn), 0);
+}
+
+TEST(SpawnRun, StandardInputSources)
+{
+    QTemporaryDir directory;
+    const QString file = ProcessTest::writeFile(directory.path(), "input", "from the file\n");
+    const auto run = [](Spawn& spawn, const char* toPipe) {
+        spawn.setPipeOutput();
+        if (!spawn.spawn())
+            return QByteArray("(not started)");
+        if (FILE* in = spawn.getPipeInputHandle()) {
+            fputs(toPipe, in);
+            fclose(in);
+        }
+        const QByteArray output = readAndClose(spawn.getPipeOutputHandle());
+        return exitCodeOf(spawn) == 0 ? output : "(failed)";
+    };
+
+    Spawn fromFile;
+    ASSERT_TRUE(setUp(fromFile, "/bin/cat", {}));
+    ASSERT_TRUE(fromFile.setStdin(file));
+    EXPECT_EQ(run(fromFile, ""), "from the file\n");
+
+    // The input pipe forgets the stdin path.
+    Spawn piped;
+    ASSERT_TRUE(setUp(piped, "/bin/cat", {}));
+    ASSERT_TRUE(piped.setStdin(file));
+    piped.setPipeInput();
+    EXPECT_EQ(run(piped, "from the pipe\n"), "from the pipe\n");
+
+    // A refused stdin path still turns the input pipe off; without either
+    // the child reads an empty input, never the test's own.
+    Spawn refused;
+    ASSERT_TRUE(setUp(refused, "/bin/sh", { "-c", "cat; echo end" }));
+    refused.setPipeInput();
+    EXPECT_FALSE(refused.setStdin("relative"));
+    EXPECT_EQ(run(refused, "lost\n"), "end\n");
+}
+
+TEST(SpawnRun, ArgumentsReachTheChildWithoutAddedQuotes)
+{
+    inContext([] {
+        QTemporaryDir directory;
+        const QString path = QDir(directory.path()).canonicalPath();
+        Spawn spawn;
+        ASSERT_TRUE(
+            setUp(spawn, helper(), { "args", "two words", "", "\"pre quoted\"", "a\"b", "back\\", "'single'" }));
+        ASSERT_TRUE(spawn.setWorkingDirectory(path));
+        spawn.setPipeOutput();
+        TraceWatch trace;
+        ASSERT_TRUE(spawn.spawn());
+        EXPECT_EQ(readAndClose(spawn.getPipeOutputHandle()),
+            "[two words]\n[]\n[\"pre quoted\"]\n[a\"b]\n[back\\]\n['single']\n");
+        EXPECT_EQ(exitCodeOf(spawn), 0);
+        // The command line is what the trace shows.
+        const QString line = spawn.commandLine();
+        EXPECT_EQ(line, '"' + helper() + "\" \"args\" \"two words\" \"\" \"pre quoted\" \"a\"b\" \"back\\\" 'single'");
+        EXPECT_TRUE(trace.saw("Command line '" + line + "'", false)) << trace.all();
+
+        Spawn where;
+        ASSERT_TRUE(setUp(where, "/bin/sh", { "-c", "pwd" }));
+        ASSERT_TRUE(where.setWorkingDirectory(path));
+        where.setPipeOutput();
+        ASSERT_TRUE(where.spawn());
+        EXPECT_EQ(readAndClose(where.getPipeOutputHandle()), (path + '\n').toLocal8Bit());
+    });
+}
+
+TEST(SpawnRun, EnvironmentForTheChildAndWhatIsLeftBehind)
+{
+    setenv("BREVI_T_KEPT", "before", 1);
+    setenv("BREVI_T_EMPTY", "", 1);
+    unsetenv("BREVI_T_NEW");
+    unsetenv("BREVI_T_TWICE");
+
+    Spawn spawn;
+    ASSERT_TRUE(setUp(spawn, "/usr/bin/env", {}));
+    spawn.setPipeOutput();
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_KEPT", "during"));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_EMPTY", "filled"));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_NEW", "fresh"));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_TWICE", "1"));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_TWICE", "2"));
+    // Upper case for the environment, lower case for arguments.
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_YES", true));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_NO", false));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_U", 7u));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_I", -7));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_ULL", 12345678901234567890ull));
+    ASSERT_TRUE(spawn.addEnvironment("BREVI_T_LL", -1234567890123ll));
+    EXPECT_EQ(spawn.environmentCount(), 11u);
+    ASSERT_TRUE(spawn.spawn());
+    const QList<QByteArray> seen = readAndClose(spawn.getPipeOutputHandle()).split('\n');
+    EXPECT_EQ(exitCodeOf(spawn), 0);
+    for (const char* entry : { "BREVI_T_KEPT=during", "BREVI_T_EMPTY=filled", "BREVI_T_NEW=fresh", "BREVI_T_TWICE=2",
+             "BREVI_T_YES=TRUE", "BREVI_T_NO=FALSE", "BREVI_T_U=7", "BREVI_T_I=-7", "BREVI_T_ULL=12345678901234567890",
+             "BREVI_T_LL=-1234567890123" })
+        EXPECT_TRUE(seen.contains(entry)) << entry;
+
+    // Put back from the last entry to the first; a variable that was not
+    // there, or was empty, is there now and empty.
+    EXPECT_STREQ(getenv("BREVI_T_KEPT"), "before");
+    EXPECT_STREQ(getenv("BREVI_T_EMPTY"), "");
+    EXPECT_STREQ(getenv("BREVI_T_NEW"), "");
+    EXPECT_STREQ(getenv("BREVI_T_TWICE"), "");
+}
+
+TEST(SpawnRun, AliveWhileRunningAndNotAfter)
+{
+    Spawn spawn;
+    EXPECT_FALSE(spawn.alive());
+    ASSERT_TRUE(setUp(spawn, helper(), { "block" }));
+    spawn.setPipeInput();
+    ASSERT_TRUE(spawn.spawn());
+    EXPECT_TRUE(spawn.alive());
+    EXPECT_TRUE(spawn.alive()) << "asking must neither end nor reap the child";
+
+    fclose(spawn.getPipeInputHandle());
+    ASSERT_TRUE(ProcessTest::waitUntilEnded(*spawn.getOSHandle(), 10000));
+    EXPECT_FALSE(spawn.alive());
+    // alive() left the exit status for the caller, once.
+    int code = -1, signal = -1;
+    EXPECT_TRUE(spawn.getOSHandle()->wait(&code, &signal));
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(signal, 0);
+    EXPECT_FALSE(spawn.getOSHandle()->wait());
+    EXPECT_FALSE(spawn.alive());
+
+    Spawn killed;
+    ASSERT_TRUE(setUp(killed, "/bin/sh", { "-c", "kill -TERM $$" }));
+    ASSERT_TRUE(killed.spawn());
+    ASSERT_TRUE(killed.getOSHandle()->wait(&code, &signal));
+    EXPECT_EQ(signal, SIGTERM);
+}
+
+TEST(SpawnRun, CopiesShareTheProcessAndLeaveThePipesAlone)
+{
+    Spawn original;
+    ASSERT_TRUE(setUp(original, "/bin/cat", {}));
+    original.setPipeInput();
+    original.setPipeOutput();
+    ASSERT_TRUE(original.spawn());
+    {
+        Spawn copy(original);
+        Spawn assigned;
+        assigned = original;
+        EXPECT_EQ(copy.getOSHandle(), original.getOSHandle());
+        EXPECT_EQ(assigned.getOSPid(), original.getOSPid());
+        EXPECT_TRUE(copy.alive());
+    }
+    // The copies are gone; the descriptors they held still work here.
+    FILE* in = original.getPipeInputHandle();
+    ASSERT_NE(in, nullptr);
+    fputs("through\n", in);
+    fclose(in);
+    EXPECT_EQ(readAndClose(original.getPipeOutputHandle()), "through\n");
+
+    // The process handle lives while anyone holds it.
+    boost::shared_ptr<Brevi::Handle> handle = original.getOSHandle();
+    original = Spawn();
+    EXPECT_NE(fcntl(handle->get(), F_GETFD), -1);
+    int code = -1;
+    EXPECT_TRUE(handle->wait(&code));
+    EXPECT_EQ(code, 0);
+}
+
+TEST(SpawnRun, SecondStartReplacesTheProcess)
+{
+    Spawn spawn;
+    ASSERT_TRUE(setUp(spawn, "/bin/sh", { "-c", "exit 3" }));
+    EXPECT_FALSE(spawn.setWorkingDirectory(""));
+    ASSERT_TRUE(spawn.spawn());
+    const unsigned firstPid = spawn.getOSPid();
+    boost::shared_ptr<Brevi::Handle> first = spawn.getOSHandle();
+    ASSERT_TRUE(spawn.spawn());
+    EXPECT_NE(spawn.getOSPid(), firstPid);
+    EXPECT_NE(spawn.getOSHandle(), first);
+    // A start does not reset the error of an earlier setter.
+    EXPECT_EQ(spawn.error(), Spawn::eEmptyString);
+    int code = -1;
+    EXPECT_TRUE(first->wait(&code));
+    EXPECT_EQ(code, 3);
+    EXPECT_EQ(exitCodeOf(spawn), 3);
+}
+
+TEST(SpawnRun, NoDescriptorReachesTheChildOrStaysBehind)
+{
+    const QStringList before = openDescriptors();
+    // What the test's own runner leaves open for children passes on as well.
+    QByteArray expected = "0\n1\n2\n";
+    for (const QString& descriptor : before) {
+        if (descriptor.toInt() > 2 && !(fcntl(descriptor.toInt(), F_GETFD) & FD_CLOEXEC))
+            expected += descriptor.toLatin1() + '\n';
+    }
+    QTemporaryDir directory;
+    const QString file = ProcessTest::writeFile(directory.path(), "input", "");
+    {
+        // Another child's pipes and a stdin file are open while the helper
+        // starts; it sees only its standard handles.
+        Spawn other;
+        ASSERT_TRUE(setUp(other, helper(), { "block" }));
+        other.setPipeInput();
+        other.setPipeOutput();
+        ASSERT_TRUE(other.spawn());
+
+        Spawn spawn;
+        ASSERT_TRUE(setUp(spawn, helper(), { "fds" }));
+        ASSERT_TRUE(spawn.setStdin(file));
+        spawn.setPipeOutput();
+        ASSERT_TRUE(spawn.spawn());
+        EXPECT_EQ(readAndClose(spawn.getPipeOutputHandle()), expected);
+        EXPECT_EQ(exitCodeOf(spawn), 0);
+
+        fclose(other.getPipeInputHandle());
+        EXPECT_EQ(readAndClose(other.getPipeOutputHandle()), "");
+        EXPECT_EQ(exitCodeOf(other), 0);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+// A start that fails: its words, its error value, no process, no pipe handed
+// out, the environment put back, and no descriptor left open.
+struct StartFailure {
+    const char* name;
+    std::function<void(Spawn&, const QString& directory)> prepare;
+    Spawn::ErrorE error;
+    std::function<QString(const QString& directory)> words;
+};
+
+TEST(SpawnRun, FailedStartsLeaveNothingOpen)
+{
+    inContext([] {
+        const StartFailure failures[] = {
+            { "no program", [](Spawn& s, const QString&) { s.setProgram("relative"); }, Spawn::eBadPath,
+                [](const QString&) { return QString("No  program name supplied"); } },
+            { "program gone",
+                [](Spawn& s, const QString& d) {
+                    s.setProgram(ProcessTest::writeFile(d, "gone", "#!/bin/sh\n", 0755));
+                    QFile::remove(d + "/gone");
+                },
+                Spawn::eNone,
+                [](const QString&) { return QString("Failed to create process ': (2) No such file or directory'"); } },
+            { "program no longer executable",
+                [](Spawn& s, const QString& d) {
+                    s.setProgram(ProcessTest::writeFile(d, "locked", "#!/bin/sh\n", 0755));
+                    chmod(QFile::encodeName(d + "/locked").constData(), 0644);
+                },
+                Spawn::eNone,
+                [](const QString&) { return QString("Failed to create process ': (13) Permission denied'"); } },
+            { "no working directory",
+                [](Spawn& s, const QString&) {
+                    s.setProgram("/bin/true");
+                    s.setWorkingDirectory("/no/such/directory");
+                },
+                Spawn::eNone,
+                [](const QString&) { return QString("Failed to create process ': (2) No such file or directory'"); } },
+            { "stdin file gone",
+                [](Spawn& s, const QString& d) {
+                    s.setProgram("/bin/cat");
+                    s.setStdin(ProcessTest::writeFile(d, "input", "data"));
+                    QFile::remove(d + "/input");
+                    s.setPipeOutput();
+                },
+                Spawn::eStdinFailed,
+                [](const QString& d) {
+                    return "Failed to open stdin '" + d + "/input' ': (2) No such file or directory'";
+                } },
+        };
+        setenv("BREVI_T_KEPT", "before", 1);
+        for (const StartFailure& failure : failures) {
+            QTemporaryDir directory;
+            const QStringList before = openDescriptors();
+            Spawn spawn;
+            spawn.setPipeInput();
+            spawn.setPipeOutput();
+            spawn.addEnvironment("BREVI_T_KEPT", "during");
+            failure.prepare(spawn, directory.path());
+            TraceWatch trace;
+            EXPECT_FALSE(spawn.spawn()) << failure.name;
+            EXPECT_EQ(spawn.error(), failure.error) << failure.name;
+            EXPECT_TRUE(trace.saw(failure.words(directory.path()), false)) << failure.name << ": " << trace.all();
+            EXPECT_FALSE(spawn) << failure.name;
+            EXPECT_FALSE(spawn.getOSHandle()) << failure.name;
+            EXPECT_EQ(spawn.getPipeInputHandle(), nullptr) << failure.name;
+            EXPECT_EQ(spawn.getPipeOutputHandle(), nullptr) << failure.name;
+            EXPECT_STREQ(getenv("BREVI_T_KEPT"), "before") << failure.name;
+            EXPECT_EQ(openDescriptors(), before) << failure.name;
+        }
+    });
+}
+
+// The lowest limit on descriptor numbers that leaves exactly `free` of them
+// unused in this process.
+rlim_t limitLeaving(int free)
+{
+    const QStringList open = openDescriptors();
+    rlim_t limit = 0;
+    for (int unused = 0; unused < free || open.contains(QString::number(limit)); ++limit) {
+        if (!open.contains(QString::number(limit)))
+            ++unused;
+    }
+    return limit;
+}
+
+TEST(SpawnRun, PipesThatCannotBeMade)
+{
+    inContext([] {
+        QTemporaryDir directory;
+        const QString file = ProcessTest::writeFile(directory.path(), "input", "data");
+        struct Case {
+            bool stdinFile;
+            int free;
+            const char* words;
+        };
+        // A pipe takes two numbers, the stdin file one.
+        const Case cases[] = {
+            { false, 1, "Failed to create input pipe ': (24) Too many open files'" },
+            { false, 3, "Failed to create output pipe ': (24) Too many open files'" },
+            { true, 2, "Failed to create output pipe ': (24) Too many open files'" },
+        };
+        for (const Case& c : cases) {
+            const QStringList before = openDescriptors();
+            Spawn spawn;
+            ASSERT_TRUE(setUp(spawn, "/bin/cat", {}));
+            spawn.setPipeInput();
+            if (c.stdinFile) {
+                ASSERT_TRUE(spawn.setStdin(file));
+            }
+            spawn.setPipeOutput();
+            rlimit saved;
+            getrlimit(RLIMIT_NOFILE, &saved);
+            rlimit lowered = saved;
+            lowered.rlim_cur = limitLeaving(c.free);
+            TraceWatch trace;
+            setrlimit(RLIMIT_NOFILE, &lowered);
+            const bool started = spawn.spawn();
+            setrlimit(RLIMIT_NOFILE, &saved);
+            EXPECT_FALSE(started) << c.words;
+            EXPECT_EQ(spawn.error(), Spawn::ePipeFailed);
+            EXPECT_TRUE(trace.saw(c.words, false)) << trace.all();
+            EXPECT_FALSE(spawn.getOSHandle());
+            // A pipe made before the failure is closed with it.
+            EXPECT_EQ(spawn.getPipeInputHandle(), nullptr);
+            EXPECT_EQ(spawn.getPipeOutputHandle(), nullptr);
+            EXPECT_EQ(openDescriptors(), before) << c.words;
+        }
+    });
+}
+
+} // namespace
