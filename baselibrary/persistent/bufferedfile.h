@@ -38,6 +38,8 @@ public:
     // Writes what is buffered, then closes.
     ~BufferedFile() override;
 
+    // Both write what is buffered for the file open before, then open anew
+    // with an empty buffer and no pending seek.
     bool create(const QString& path, Mode mode) override;
     bool open(const QString& path, Mode mode) override;
     // Writes what is buffered, then closes.

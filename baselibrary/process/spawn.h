@@ -66,6 +66,11 @@ namespace Brevi {
 // A variable that did not exist before is left behind set to an empty value.
 //
 // Nothing here waits for the child beyond alive(): use getOSHandle()->wait().
+// The child is collected when the last holder of its handle lets go after it
+// has ended; a process that reaps every child itself (waitpid(-1), SIGCHLD
+// ignored) leaves the handle nothing to report. Writing to the input pipe of
+// a child that has gone raises SIGPIPE, as on any pipe, unless the process
+// ignores that signal.
 class BREVI_EXPORT Spawn
 {
 public:
@@ -88,7 +93,7 @@ public:
         Entry(const QString& name, const QString& value)
             : msName(name)
             , msValue(value)
-        { }
+        {}
         const QString& name() const { return msName; }
         const QString& value() const { return msValue; }
 

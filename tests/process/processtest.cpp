@@ -93,7 +93,7 @@ QByteArray readAndClose(FILE* stream)
 
 bool waitUntilEnded(const Brevi::Handle& handle, int milliseconds)
 {
-    pollfd entry { handle.get(), POLLIN, 0 };
+    pollfd entry{handle.get(), POLLIN, 0};
     return poll(&entry, 1, milliseconds) == 1;
 }
 

@@ -40,8 +40,8 @@ protected:
             GTEST_SKIP() << "not root: a test account cannot be created";
         removeStaleAccounts();
         msUser = Prefix + QString::number(getpid());
-        const int added
-            = BreviTest::runChild("/usr/sbin/useradd", { "-M", "-s", "/bin/sh", "-G", "users", msUser }).exitCode;
+        const int added =
+            BreviTest::runChild("/usr/sbin/useradd", {"-M", "-s", "/bin/sh", "-G", "users", msUser}).exitCode;
         mbCreated = getpwnam(msUser.toLocal8Bit().constData()) != nullptr;
         if (added != 0 || !mbCreated)
             GTEST_SKIP() << "useradd could not create " << msUser.toStdString();
@@ -64,7 +64,7 @@ protected:
     void TearDown() override
     {
         if (mbCreated)
-            BreviTest::runChild("/usr/sbin/userdel", { msUser });
+            BreviTest::runChild("/usr/sbin/userdel", {msUser});
     }
 
     // Accounts of test processes that ended before they could remove them.
@@ -79,7 +79,7 @@ protected:
         }
         endpwent();
         for (const QString& name : stale)
-            BreviTest::runChild("/usr/sbin/userdel", { name });
+            BreviTest::runChild("/usr/sbin/userdel", {name});
     }
 
     static const QString Prefix;
@@ -117,7 +117,7 @@ TEST_F(SpawnAccount, ChildRunsAsTheAccountWithItsGroups)
     QSet<unsigned> groups;
     for (const QByteArray& id : lines[2].split(' '))
         groups.insert(id.toUInt());
-    EXPECT_EQ(groups, (QSet<unsigned> { unsigned(entry->pw_gid), unsigned(users->gr_gid) }));
+    EXPECT_EQ(groups, (QSet<unsigned>{unsigned(entry->pw_gid), unsigned(users->gr_gid)}));
     EXPECT_EQ(lines[3], "/tmp");
 }
 
@@ -126,7 +126,7 @@ TEST_F(SpawnAccount, WrongPasswordOrUnknownAccountIsALogonFailure)
     inContext([this] {
         setenv("BREVI_T_KEPT", "before", 1);
         const QStringList before = openDescriptors();
-        const QString accounts[] = { msUser, msUser + "x" };
+        const QString accounts[] = {msUser, msUser + "x"};
         for (const QString& account : accounts) {
             Spawn spawn;
             ASSERT_TRUE(spawn.setProgram("/bin/true"));
@@ -171,7 +171,7 @@ enum QuirkCheck {
 
 bool dropIdentityCapabilities()
 {
-    __user_cap_header_struct header { _LINUX_CAPABILITY_VERSION_3, 0 };
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[2] = {};
     if (syscall(SYS_capget, &header, data) != 0)
         return false;

@@ -19,7 +19,8 @@ int main(int argc, char** argv)
     }
     if (!std::strcmp(mode, "block")) {
         char buffer[256];
-        while (read(STDIN_FILENO, buffer, sizeof buffer) > 0) { }
+        while (read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
+        }
         return 0;
     }
     if (!std::strcmp(mode, "fds")) {

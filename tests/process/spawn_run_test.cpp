@@ -44,7 +44,7 @@ int exitCodeOf(Spawn& spawn)
 TEST(SpawnRun, BothPipesOneForOutputAndError)
 {
     Spawn spawn;
-    ASSERT_TRUE(setUp(spawn, "/bin/sh", { "-c", "cat; echo err >&2" }));
+    ASSERT_TRUE(setUp(spawn, "/bin/sh", {"-c", "cat; echo err >&2"}));
     spawn.setPipeInput();
     spawn.setPipeOutput();
     EXPECT_EQ(spawn.getPipeInputHandle(), nullptr);
@@ -100,7 +100,7 @@ TEST(SpawnRun, StandardInputSources)
     // A refused stdin path still turns the input pipe off; without either
     // the child reads an empty input, never the test's own.
     Spawn refused;
-    ASSERT_TRUE(setUp(refused, "/bin/sh", { "-c", "cat; echo end" }));
+    ASSERT_TRUE(setUp(refused, "/bin/sh", {"-c", "cat; echo end"}));
     refused.setPipeInput();
     EXPECT_FALSE(refused.setStdin("relative"));
     EXPECT_EQ(run(refused, "lost\n"), "end\n");
@@ -112,14 +112,13 @@ TEST(SpawnRun, ArgumentsReachTheChildWithoutAddedQuotes)
         QTemporaryDir directory;
         const QString path = QDir(directory.path()).canonicalPath();
         Spawn spawn;
-        ASSERT_TRUE(
-            setUp(spawn, helper(), { "args", "two words", "", "\"pre quoted\"", "a\"b", "back\\", "'single'" }));
+        ASSERT_TRUE(setUp(spawn, helper(), {"args", "two words", "", "\"pre quoted\"", "a\"b", "back\\", "'single'"}));
         ASSERT_TRUE(spawn.setWorkingDirectory(path));
         spawn.setPipeOutput();
         TraceWatch trace;
         ASSERT_TRUE(spawn.spawn());
         EXPECT_EQ(readAndClose(spawn.getPipeOutputHandle()),
-            "[two words]\n[]\n[\"pre quoted\"]\n[a\"b]\n[back\\]\n['single']\n");
+                  "[two words]\n[]\n[\"pre quoted\"]\n[a\"b]\n[back\\]\n['single']\n");
         EXPECT_EQ(exitCodeOf(spawn), 0);
         // The command line is what the trace shows.
         const QString line = spawn.commandLine();
@@ -127,7 +126,7 @@ TEST(SpawnRun, ArgumentsReachTheChildWithoutAddedQuotes)
         EXPECT_TRUE(trace.saw("Command line '" + line + "'", false)) << trace.all();
 
         Spawn where;
-        ASSERT_TRUE(setUp(where, "/bin/sh", { "-c", "pwd" }));
+        ASSERT_TRUE(setUp(where, "/bin/sh", {"-c", "pwd"}));
         ASSERT_TRUE(where.setWorkingDirectory(path));
         where.setPipeOutput();
         ASSERT_TRUE(where.spawn());
@@ -161,9 +160,9 @@ TEST(SpawnRun, EnvironmentForTheChildAndWhatIsLeftBehind)
     ASSERT_TRUE(spawn.spawn());
     const QList<QByteArray> seen = readAndClose(spawn.getPipeOutputHandle()).split('\n');
     EXPECT_EQ(exitCodeOf(spawn), 0);
-    for (const char* entry : { "BREVI_T_KEPT=during", "BREVI_T_EMPTY=filled", "BREVI_T_NEW=fresh", "BREVI_T_TWICE=2",
-             "BREVI_T_YES=TRUE", "BREVI_T_NO=FALSE", "BREVI_T_U=7", "BREVI_T_I=-7", "BREVI_T_ULL=12345678901234567890",
-             "BREVI_T_LL=-1234567890123" })
+    for (const char* entry : {"BREVI_T_KEPT=during", "BREVI_T_EMPTY=filled", "BREVI_T_NEW=fresh", "BREVI_T_TWICE=2",
+                              "BREVI_T_YES=TRUE", "BREVI_T_NO=FALSE", "BREVI_T_U=7", "BREVI_T_I=-7",
+                              "BREVI_T_ULL=12345678901234567890", "BREVI_T_LL=-1234567890123"})
         EXPECT_TRUE(seen.contains(entry)) << entry;
 
     // Put back from the last entry to the first; a variable that was not
@@ -178,7 +177,7 @@ TEST(SpawnRun, AliveWhileRunningAndNotAfter)
 {
     Spawn spawn;
     EXPECT_FALSE(spawn.alive());
-    ASSERT_TRUE(setUp(spawn, helper(), { "block" }));
+    ASSERT_TRUE(setUp(spawn, helper(), {"block"}));
     spawn.setPipeInput();
     ASSERT_TRUE(spawn.spawn());
     EXPECT_TRUE(spawn.alive());
@@ -196,7 +195,7 @@ TEST(SpawnRun, AliveWhileRunningAndNotAfter)
     EXPECT_FALSE(spawn.alive());
 
     Spawn killed;
-    ASSERT_TRUE(setUp(killed, "/bin/sh", { "-c", "kill -TERM $$" }));
+    ASSERT_TRUE(setUp(killed, "/bin/sh", {"-c", "kill -TERM $$"}));
     ASSERT_TRUE(killed.spawn());
     ASSERT_TRUE(killed.getOSHandle()->wait(&code, &signal));
     EXPECT_EQ(signal, SIGTERM);
@@ -236,7 +235,7 @@ TEST(SpawnRun, CopiesShareTheProcessAndLeaveThePipesAlone)
 TEST(SpawnRun, SecondStartReplacesTheProcess)
 {
     Spawn spawn;
-    ASSERT_TRUE(setUp(spawn, "/bin/sh", { "-c", "exit 3" }));
+    ASSERT_TRUE(setUp(spawn, "/bin/sh", {"-c", "exit 3"}));
     EXPECT_FALSE(spawn.setWorkingDirectory(""));
     ASSERT_TRUE(spawn.spawn());
     const unsigned firstPid = spawn.getOSPid();
@@ -267,13 +266,13 @@ TEST(SpawnRun, NoDescriptorReachesTheChildOrStaysBehind)
         // Another child's pipes and a stdin file are open while the helper
         // starts; it sees only its standard handles.
         Spawn other;
-        ASSERT_TRUE(setUp(other, helper(), { "block" }));
+        ASSERT_TRUE(setUp(other, helper(), {"block"}));
         other.setPipeInput();
         other.setPipeOutput();
         ASSERT_TRUE(other.spawn());
 
         Spawn spawn;
-        ASSERT_TRUE(setUp(spawn, helper(), { "fds" }));
+        ASSERT_TRUE(setUp(spawn, helper(), {"fds"}));
         ASSERT_TRUE(spawn.setStdin(file));
         spawn.setPipeOutput();
         ASSERT_TRUE(spawn.spawn());
@@ -300,40 +299,40 @@ TEST(SpawnRun, FailedStartsLeaveNothingOpen)
 {
     inContext([] {
         const StartFailure failures[] = {
-            { "no program", [](Spawn& s, const QString&) { s.setProgram("relative"); }, Spawn::eBadPath,
-                [](const QString&) { return QString("No  program name supplied"); } },
-            { "program gone",
-                [](Spawn& s, const QString& d) {
-                    s.setProgram(ProcessTest::writeFile(d, "gone", "#!/bin/sh\n", 0755));
-                    QFile::remove(d + "/gone");
-                },
-                Spawn::eNone,
-                [](const QString&) { return QString("Failed to create process ': (2) No such file or directory'"); } },
-            { "program no longer executable",
-                [](Spawn& s, const QString& d) {
-                    s.setProgram(ProcessTest::writeFile(d, "locked", "#!/bin/sh\n", 0755));
-                    chmod(QFile::encodeName(d + "/locked").constData(), 0644);
-                },
-                Spawn::eNone,
-                [](const QString&) { return QString("Failed to create process ': (13) Permission denied'"); } },
-            { "no working directory",
-                [](Spawn& s, const QString&) {
-                    s.setProgram("/bin/true");
-                    s.setWorkingDirectory("/no/such/directory");
-                },
-                Spawn::eNone,
-                [](const QString&) { return QString("Failed to create process ': (2) No such file or directory'"); } },
-            { "stdin file gone",
-                [](Spawn& s, const QString& d) {
-                    s.setProgram("/bin/cat");
-                    s.setStdin(ProcessTest::writeFile(d, "input", "data"));
-                    QFile::remove(d + "/input");
-                    s.setPipeOutput();
-                },
-                Spawn::eStdinFailed,
-                [](const QString& d) {
-                    return "Failed to open stdin '" + d + "/input' ': (2) No such file or directory'";
-                } },
+            {"no program", [](Spawn& s, const QString&) { s.setProgram("relative"); }, Spawn::eBadPath,
+             [](const QString&) { return QString("No  program name supplied"); }},
+            {"program gone",
+             [](Spawn& s, const QString& d) {
+                 s.setProgram(ProcessTest::writeFile(d, "gone", "#!/bin/sh\n", 0755));
+                 QFile::remove(d + "/gone");
+             },
+             Spawn::eNone,
+             [](const QString&) { return QString("Failed to create process ': (2) No such file or directory'"); }},
+            {"program no longer executable",
+             [](Spawn& s, const QString& d) {
+                 s.setProgram(ProcessTest::writeFile(d, "locked", "#!/bin/sh\n", 0755));
+                 chmod(QFile::encodeName(d + "/locked").constData(), 0644);
+             },
+             Spawn::eNone,
+             [](const QString&) { return QString("Failed to create process ': (13) Permission denied'"); }},
+            {"no working directory",
+             [](Spawn& s, const QString&) {
+                 s.setProgram("/bin/true");
+                 s.setWorkingDirectory("/no/such/directory");
+             },
+             Spawn::eNone,
+             [](const QString&) { return QString("Failed to create process ': (2) No such file or directory'"); }},
+            {"stdin file gone",
+             [](Spawn& s, const QString& d) {
+                 s.setProgram("/bin/cat");
+                 s.setStdin(ProcessTest::writeFile(d, "input", "data"));
+                 QFile::remove(d + "/input");
+                 s.setPipeOutput();
+             },
+             Spawn::eStdinFailed,
+             [](const QString& d) {
+                 return "Failed to open stdin '" + d + "/input' ': (2) No such file or directory'";
+             }},
         };
         setenv("BREVI_T_KEPT", "before", 1);
         for (const StartFailure& failure : failures) {
@@ -383,9 +382,9 @@ TEST(SpawnRun, PipesThatCannotBeMade)
         };
         // A pipe takes two numbers, the stdin file one.
         const Case cases[] = {
-            { false, 1, "Failed to create input pipe ': (24) Too many open files'" },
-            { false, 3, "Failed to create output pipe ': (24) Too many open files'" },
-            { true, 2, "Failed to create output pipe ': (24) Too many open files'" },
+            {false, 1, "Failed to create input pipe ': (24) Too many open files'"},
+            {false, 3, "Failed to create output pipe ': (24) Too many open files'"},
+            {true, 2, "Failed to create output pipe ': (24) Too many open files'"},
         };
         for (const Case& c : cases) {
             const QStringList before = openDescriptors();

@@ -37,11 +37,11 @@ TEST(SpawnSetup, ProgramPathChecksInOrder)
         EXPECT_EQ(spawn.error(), Spawn::eNone);
         ASSERT_TRUE(spawn.setProgram("/bin/sh"));
         const Refusal cases[] = {
-            { QString(), Spawn::eEmptyString, "Empty string" },
-            { "bin/sh", Spawn::eBadPath, "Program path is not absolute" },
-            { directory.path() + "/missing", Spawn::eBadPath, "Program path is not a path" },
-            { directory.path(), Spawn::eBadPath, "Program path is not a path" },
-            { plain, Spawn::eBadPath, "Program path is not executable" },
+            {QString(), Spawn::eEmptyString, "Empty string"},
+            {"bin/sh", Spawn::eBadPath, "Program path is not absolute"},
+            {directory.path() + "/missing", Spawn::eBadPath, "Program path is not a path"},
+            {directory.path(), Spawn::eBadPath, "Program path is not a path"},
+            {plain, Spawn::eBadPath, "Program path is not executable"},
         };
         for (const Refusal& c : cases) {
             TraceWatch trace;
@@ -60,9 +60,9 @@ TEST(SpawnSetup, StdinPathChecksInOrder)
         QTemporaryDir directory;
         const QString file = ProcessTest::writeFile(directory.path(), "input", "data");
         const Refusal cases[] = {
-            { "relative/input", Spawn::eBadPath, "Path is not absolute 'relative/input'" },
-            { directory.path(), Spawn::eBadPath, "Path is not a file '" + directory.path() + "'" },
-            { file + "x", Spawn::eBadPath, "Path is not a file '" + file + "x'" },
+            {"relative/input", Spawn::eBadPath, "Path is not absolute 'relative/input'"},
+            {directory.path(), Spawn::eBadPath, "Path is not a file '" + directory.path() + "'"},
+            {file + "x", Spawn::eBadPath, "Path is not a file '" + file + "x'"},
         };
         for (const Refusal& c : cases) {
             Spawn spawn;
@@ -98,13 +98,20 @@ TEST(SpawnSetup, UnreadableStdinFile)
     if (child == 0) {
         if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0))
             _exit(3);
-        Spawn spawn;
-        const bool accepted = spawn.setStdin(file);
-        _exit(!accepted && spawn.error() == Spawn::eNotReadable ? 0 : 1);
+        int failed = 0;
+        inContext([&] {
+            Spawn spawn;
+            TraceWatch trace;
+            failed |= spawn.setStdin(file) ? 1 : 0;
+            failed |= spawn.error() != Spawn::eNotReadable ? 2 : 0;
+            failed |= trace.saw("Path is not readable '" + file + "'", false) ? 0 : 4;
+        });
+        _exit(failed);
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1 accepted, 2 error value, 4 trace line, 3 could not give up root";
 }
 
 TEST(SpawnSetup, EmptyStringsAreRefusedWithTheirOwnWords)
@@ -117,7 +124,7 @@ TEST(SpawnSetup, EmptyStringsAreRefusedWithTheirOwnWords)
             [&](const QString& v) { return spawn.setWorkingDirectory(v); },
             [&](const QString& v) { return spawn.addEnvironment(v, "value"); },
         };
-        const char* words[] = { "Empty string", "Enpty string", "Empty  string", "Empty name string" };
+        const char* words[] = {"Empty string", "Enpty string", "Empty  string", "Empty name string"};
         for (int i = 0; i < 4; ++i) {
             TraceWatch trace;
             Spawn fresh;
@@ -157,9 +164,8 @@ TEST(SpawnSetup, ArgumentsNullEmptyAndNumbers)
         EXPECT_TRUE(spawn.addArgument(-9223372036854775807ll - 1));
         EXPECT_TRUE(spawn.addArgument("text"));
         EXPECT_EQ(spawn.argumentCount(), 8u);
-        EXPECT_EQ(spawn.commandLine(),
-            "\"/bin/sh\" \"\" \"true\" \"false\" \"4294967295\" \"-5\" "
-            "\"18446744073709551615\" \"-9223372036854775808\" \"text\"");
+        EXPECT_EQ(spawn.commandLine(), "\"/bin/sh\" \"\" \"true\" \"false\" \"4294967295\" \"-5\" "
+                                       "\"18446744073709551615\" \"-9223372036854775808\" \"text\"");
     });
 }
 
@@ -173,12 +179,12 @@ TEST(SpawnSetup, CommandLineQuoting)
     EXPECT_EQ(line("\"/bin/prog\"", {}), "\"/bin/prog\"");
     EXPECT_EQ(line("'/bin/my prog'", {}), "'/bin/my prog'");
     EXPECT_EQ(line("", {}), "\"\"");
-    EXPECT_EQ(line("/p", { "" }), "\"/p\" \"\"");
-    EXPECT_EQ(line("/p", { "\"" }), "\"/p\" \"");
-    EXPECT_EQ(line("/p", { "'a b'", "\"c d\"" }), "\"/p\" 'a b' \"c d\"");
+    EXPECT_EQ(line("/p", {""}), "\"/p\" \"\"");
+    EXPECT_EQ(line("/p", {"\""}), "\"/p\" \"");
+    EXPECT_EQ(line("/p", {"'a b'", "\"c d\""}), "\"/p\" 'a b' \"c d\"");
     // Nothing inside is escaped.
-    EXPECT_EQ(
-        line("/p", { "a\"b", "C:\\dir\\", "two words", "x'" }), "\"/p\" \"a\"b\" \"C:\\dir\\\" \"two words\" \"x'\"");
+    EXPECT_EQ(line("/p", {"a\"b", "C:\\dir\\", "two words", "x'"}),
+              "\"/p\" \"a\"b\" \"C:\\dir\\\" \"two words\" \"x'\"");
 }
 
 } // namespace
