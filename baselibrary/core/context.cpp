@@ -6,6 +6,7 @@
 #include "core/tracefilter.h"
 #include "core/traceprofile.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 
@@ -31,6 +32,12 @@ unsigned suiNextId = 0;
 const QString& emptyString()
 {
     static const QString empty;
+    return empty;
+}
+
+const MsgAddress& emptyAddress()
+{
+    static const MsgAddress empty;
     return empty;
 }
 } // namespace
@@ -112,7 +119,7 @@ Context::Context(Type type, unsigned flags, const QString& title, const QString&
     muiId = getId();
     if (FixedPath::home().isEmpty()) {
         // No home, no trace file and no messaging: the process cannot run.
-        BTRACE(TraceAlways) << "Address is" << muiId << int(meType);
+        traceAddress();
         return;
     }
 
@@ -133,6 +140,7 @@ Context::Context(Type type, unsigned flags, const QString& title, const QString&
     }
 
     meType = type;
+    moAddress = moPhysicalAddress = MsgAddress(eMsgAddressContext, muiId);
     setTrace(msTitle);
     initialize();
 
@@ -164,8 +172,38 @@ Context::Context(Type type, unsigned flags, const QString& title, const QString&
         // without messaging.
         break;
     }
-    BTRACE(TraceAlways) << "Address is" << muiId << int(meType);
+    traceAddress();
 }
+
+Context::Context(const MsgAddress& address, const SharedMemoryId& traceBuffer, const QString& title)
+    : meType(TypeAdopted)
+    , moAddress(address)
+    , moPhysicalAddress(address)
+    , moMachineName(address.machine())
+    , msTitle(title)
+{
+    muiId = address.id();
+    std::call_once(soOnce, idInitialize);
+    if (FixedPath::home().isEmpty()) {
+        meType = TypeInvalid;
+    } else {
+        msTitle += QDateTime::currentDateTime().toString(QStringLiteral("yyMMddhhmmss"));
+        setTrace(msTitle);
+        initialize();
+        SharedMemoryUser buffer(traceBuffer);
+        if (!buffer) {
+            BTRACE(TraceAlways) << "Invalid Trace buffer";
+        } else {
+            BTRACE(TraceNormal) << "Trace to a" << buffer.size() << "buffer at"
+                                << static_cast<const void*>(buffer.address());
+            moTraceBuffer = buffer;
+            moTrace.initializeBuffer(buffer.address(), buffer.size(), true);
+        }
+    }
+    BTRACE(TraceAlways) << "Address is" << moAddress;
+}
+
+void Context::traceAddress() { BTRACE(TraceAlways) << "Address is" << moAddress << moPhysicalAddress << int(meType); }
 
 Context::~Context()
 {
@@ -254,6 +292,21 @@ SecurityAttributes* Context::security() { return threadContext ? &threadContext-
 boost::shared_ptr<Messaging> Context::messaging()
 {
     return threadContext ? threadContext->mptMessaging : boost::shared_ptr<Messaging>();
+}
+
+const MsgAddress& Context::address() { return threadContext ? threadContext->moAddress : emptyAddress(); }
+
+const MsgAddress& Context::physicalAddress()
+{
+    return threadContext ? threadContext->moPhysicalAddress : emptyAddress();
+}
+
+const MsgAddress& Context::parentAddress() { return threadContext ? threadContext->moParentAddress : emptyAddress(); }
+
+const MachineName& Context::machineName()
+{
+    static const MachineName empty;
+    return threadContext ? threadContext->moMachineName : empty;
 }
 
 QString Context::temporaryFileName()

@@ -2,8 +2,11 @@
 #define BASELIBRARY_CORE_CONTEXT_H
 
 #include "brevi_export.h"
+#include "core/machinename.h"
 #include "core/operatorboolgenerator.h"
+#include "core/sharedmemoryuser.h"
 #include "core/trace.h"
+#include "messaging/msgaddress.h"
 
 #include <QString>
 
@@ -92,6 +95,12 @@ public:
     static void traceHandles(TraceLevelE level);
     // The messaging object of the thread's context; empty until messaging is up.
     static boost::shared_ptr<Messaging> messaging();
+    // The address by which others reach this context, the address of the
+    // process that started it (from the Hub), and the machine's name (from the
+    // Hub's attach reply); empty values on a thread without a context.
+    static const MsgAddress& address();
+    static const MsgAddress& parentAddress();
+    static const MachineName& machineName();
 
     const QString& title() const { return msTitle; }
     const QString& name() const { return msName; }
@@ -112,6 +121,10 @@ public:
     // handler got (both may be null). Only the first call of a process writes.
     static void dump(int signal, const void* info, const void* machineContext);
 
+    // A context that traces into a buffer someone else supplies (type 2,
+    // adopted): no messaging and no trace file. The title gets the local time
+    // "yyMMddhhmmss" appended. The thread's context until destroyed.
+    Context(const MsgAddress& address, const SharedMemoryId& traceBuffer, const QString& title);
     ~Context();
     Context(const Context&) = delete;
     Context& operator=(const Context&) = delete;
@@ -128,6 +141,9 @@ private:
                       unsigned flags, const QString& title, const QString& name, const QString& group);
 
     void initialize();
+    void traceAddress();
+    // The address by which the Hub knows this process's link; messaging's own.
+    static const MsgAddress& physicalAddress();
     void setTrace(const QString& title);
     void setTraceFile(const QString& title, unsigned linesPerFile, unsigned filesToKeep);
     // The messaging objects this context can have; empty where the messaging
@@ -138,10 +154,15 @@ private:
     unsigned muiId = 0;
     Type meType = TypeInvalid;
     Trace moTrace;
+    SharedMemoryUser moTraceBuffer;
+    MsgAddress moAddress;
+    MsgAddress moPhysicalAddress;
+    MsgAddress moParentAddress;
     boost::shared_ptr<Messaging> mptMessaging;
     unsigned muiUniqueId = 0;
     unsigned muiTemporaryFile = 0;
     SecurityAttributes moSecurity;
+    MachineName moMachineName;
     QString msTitle;
     QString msName;
     QString msGroup;

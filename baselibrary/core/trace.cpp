@@ -130,7 +130,20 @@ QList<QPair<QString, unsigned>> Trace::moduleList() const
 // ---------------------------------------------------------------------------
 // The ring
 
-void Trace::ringWrite(const void* bytes, unsigned n)
+// The hot path of every value: a write that stays short of the ring's end.
+// Defined here, ahead of its callers, so that the small fixed-size writes are
+// inlined into plain stores.
+inline void Trace::ringWrite(const void* bytes, unsigned n)
+{
+    if (n < muiBufferSize - muiWrite) {
+        std::memcpy(mpucBuffer + muiWrite, bytes, n);
+        muiWrite += n;
+    } else {
+        ringWriteWrapping(bytes, n);
+    }
+}
+
+void Trace::ringWriteWrapping(const void* bytes, unsigned n)
 {
     const unsigned char* source = static_cast<const unsigned char*>(bytes);
     const unsigned first = muiBufferSize - muiWrite;
@@ -242,6 +255,25 @@ void Trace::updateTimeText()
     macTime[12] = 0;
 }
 
+inline bool Trace::reserve(unsigned need, unsigned take)
+{
+    if (muiRoom >= need) {
+        muiRoom -= take;
+        return true;
+    }
+    muiRoom = 0;
+    return false;
+}
+
+inline void Trace::endValue()
+{
+    muiFormat = FormatBlank;
+    if (muiRoom)
+        muiCommitted = muiWrite;
+    else
+        muiWrite = muiCommitted;
+}
+
 void Trace::entry(int indent, const char* file, unsigned line)
 {
     if (!mbLine)
@@ -306,29 +338,13 @@ void Trace::writeString16Payload(const QString& text)
 #endif
 }
 
-bool Trace::reserve(unsigned need, unsigned take)
+// Type, format word and the length's low 16 bits: a length above 65535 keeps
+// only those bits, as the record's field is 16 bits wide.
+void Trace::writeStringHeader(ValueType type, unsigned length)
 {
-    if (muiRoom >= need) {
-        muiRoom -= take;
-        return true;
-    }
-    muiRoom = 0;
-    return false;
-}
-
-void Trace::writeValueHeader(ValueType type)
-{
-    unsigned char header[3] = {type, static_cast<unsigned char>(muiFormat), static_cast<unsigned char>(muiFormat >> 8)};
-    ringWrite(header, 3);
-}
-
-void Trace::endValue()
-{
-    muiFormat = FormatBlank;
-    if (muiRoom)
-        muiCommitted = muiWrite;
-    else
-        muiWrite = muiCommitted;
+    unsigned char header[5] = {type, static_cast<unsigned char>(muiFormat), static_cast<unsigned char>(muiFormat >> 8),
+                               static_cast<unsigned char>(length), static_cast<unsigned char>(length >> 8)};
+    ringWrite(header, 5);
 }
 
 template <typename T>
@@ -336,10 +352,10 @@ void Trace::writeInteger(ValueType type, T value)
 {
     const unsigned payload = sizeof(T);
     if (reserve(payload + 4, payload + 3)) {
-        writeValueHeader(type);
-        unsigned char bytes[sizeof(T)];
-        ByteOrder::storeLittle(bytes, value);
-        ringWrite(bytes, payload);
+        unsigned char bytes[3 + sizeof(T)] = {type, static_cast<unsigned char>(muiFormat),
+                                              static_cast<unsigned char>(muiFormat >> 8)};
+        ByteOrder::storeLittle(bytes + 3, value);
+        ringWrite(bytes, sizeof bytes);
     }
 }
 
@@ -351,10 +367,7 @@ Trace& Trace::operator<<(const QString& value)
     const QString& text = value.isEmpty() ? null : value;
     const unsigned payload = 2 * unsigned(text.size());
     if (reserve(payload + 6, payload + 5)) {
-        writeValueHeader(ValueString16);
-        unsigned char length[2];
-        ByteOrder::store16(length, static_cast<std::uint16_t>(text.size()));
-        ringWrite(length, 2);
+        writeStringHeader(ValueString16, unsigned(text.size()));
         writeString16Payload(text);
     }
     if (mpoText)
@@ -370,10 +383,7 @@ Trace& Trace::operator<<(const char* value)
     const char* text = value ? value : "(null)";
     const unsigned payload = unsigned(std::strlen(text));
     if (reserve(payload + 6, payload + 5)) {
-        writeValueHeader(ValueString8);
-        unsigned char length[2];
-        ByteOrder::store16(length, static_cast<std::uint16_t>(payload));
-        ringWrite(length, 2);
+        writeStringHeader(ValueString8, payload);
         ringWrite(text, payload);
     }
     if (mpoText)
@@ -455,8 +465,9 @@ Trace& Trace::operator<<(bool value)
     if (!mbLine)
         return *this;
     if (reserve(5, 4)) {
-        writeValueHeader(ValueBool);
-        ringWriteByte(value ? 1 : 0);
+        const unsigned char bytes[4] = {ValueBool, static_cast<unsigned char>(muiFormat),
+                                        static_cast<unsigned char>(muiFormat >> 8), value ? 1 : 0};
+        ringWrite(bytes, 4);
     }
     if (mpoText)
         TraceFormat::writeBool(*mpoText, muiFormat, value);

@@ -221,10 +221,11 @@ private:
     void closeFile();
     void updateTimeText();
     void ringWrite(const void* bytes, unsigned n);
+    void ringWriteWrapping(const void* bytes, unsigned n);
     void ringWriteByte(unsigned char byte);
     // True when the room allows `need`, then takes `take` of it.
     bool reserve(unsigned need, unsigned take);
-    void writeValueHeader(TraceLayout::ValueType type);
+    void writeStringHeader(TraceLayout::ValueType type, unsigned length);
     void writeString16Payload(const QString& text);
     template <typename T>
     void writeInteger(TraceLayout::ValueType type, T value);

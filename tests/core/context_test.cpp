@@ -3,6 +3,7 @@
 
 #include "core/context.h"
 #include "core/fixedpath.h"
+#include "core/sharedmemoryprovider.h"
 #include "core/tracedump.h"
 
 #include "testhome.h"
@@ -76,7 +77,10 @@ TEST(ContextRun, ATypeAboveFourRunsWithoutMessaging)
             EXPECT_EQ(Context::baseName(), "Seven ");
             ASSERT_NE(Context::security(), nullptr);
             EXPECT_EQ(Context::security()->mode, 0600u);
-            EXPECT_TRUE(ringMessages().contains("Address is 1 7"));
+            EXPECT_EQ(Context::address(), MsgAddress(eMsgAddressContext, 1));
+            EXPECT_FALSE(Context::parentAddress());
+            EXPECT_TRUE(Context::machineName().isEmpty());
+            EXPECT_TRUE(ringMessages().contains("Address is '2/1' '2/1' 7"));
         },
         NoMessaging, 0, "Seven");
     EXPECT_TRUE(result);
@@ -115,6 +119,35 @@ TEST(ContextRun, NoHomeNoRun)
     EXPECT_TRUE(FixedPath::home().isEmpty());
 }
 
+TEST(ContextRun, AnAdoptedContextTracesIntoTheBufferItIsGiven)
+{
+    TestHome home;
+    SharedMemoryProvider provider(64 * 1024);
+    ASSERT_TRUE(provider);
+    const MsgAddress address(eMsgAddressContext, 9);
+    {
+        Context adopted(address, provider.id(), "Adopted");
+        EXPECT_EQ(Context::type(), Context::TypeAdopted);
+        EXPECT_EQ(Context::id(), 9u);
+        EXPECT_EQ(Context::address(), address);
+        EXPECT_TRUE(Context::object()->title().startsWith("Adopted"));
+        EXPECT_EQ(Context::object()->title().size(), 7 + 12) << "the local time is appended";
+        BREVI_TRACE(TraceModuleApplication, TraceAlways) << "into the shared buffer";
+    }
+    SharedMemoryUser reader(provider.id());
+    ASSERT_TRUE(reader);
+    EXPECT_FALSE(Trace::active(reader.address())) << "the destructor disabled it";
+    TraceDump dump(reader.address(), reader.size(), nullptr, nullptr, nullptr);
+    QStringList lines;
+    while (auto entry = dump.popEntry())
+        lines << entry->getMessage();
+    EXPECT_TRUE(lines.contains("into the shared buffer")) << lines.join('\n').toStdString();
+    EXPECT_TRUE(home.filesIn(home.trace()).isEmpty()) << "an adopted context has no trace file";
+
+    Context lost(address, SharedMemoryId(), "Lost");
+    EXPECT_TRUE(ringMessages().contains("Invalid Trace buffer"));
+}
+
 TEST(ContextStatics, NeutralAnswersWithoutAContext)
 {
     EXPECT_FALSE(Context::isValid());
@@ -124,6 +157,8 @@ TEST(ContextStatics, NeutralAnswersWithoutAContext)
     EXPECT_TRUE(Context::temporaryFileName().isEmpty());
     EXPECT_EQ(Context::security(), nullptr);
     EXPECT_FALSE(Context::messaging());
+    EXPECT_FALSE(Context::address());
+    EXPECT_TRUE(Context::machineName().isEmpty());
     EXPECT_EQ(Context::OSPid(), unsigned(getpid()));
     Context::traceHandles(TraceAlways);
     const unsigned long long now = Context::systemTime();
