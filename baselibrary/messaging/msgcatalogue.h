@@ -8,9 +8,9 @@
 // that reads oddly (DataSizePrfix, "Shared Memory  Window Size" with two
 // blanks, "LogDaemonChanging filter") reads so in every program and must stay.
 //
-// A message is a namespace named after it: Name is its name, and its keys stand
-// beside it, in body order:
-//     Msg request(hub, HubMgrAttachRequest::Name, body);
+// A message is a namespace named after it: Message is its name, and its keys
+// stand beside it, in body order:
+//     Msg request(hub, HubMgrAttachRequest::Message, body);
 //     body.set(HubMgrAttachRequest::Title, title);
 // Request wants a Reply; Post wants none. Words that belong to no single
 // message stand in groups of their own (NodeKey, LogKey, LogAttachment...).
@@ -41,20 +41,20 @@ inline const QString ContextTraceFileVariable = QStringLiteral("BREVI_CONTEXT_TR
 // Between contexts of one process.
 
 namespace MsgConnectedPost {
-inline const QString Name = QStringLiteral("MsgConnectedPost");
+inline const QString Message = QStringLiteral("MsgConnectedPost");
 } // namespace MsgConnectedPost
 namespace MsgDisconnectedPost {
-inline const QString Name = QStringLiteral("MsgDisconnectedPost");
+inline const QString Message = QStringLiteral("MsgDisconnectedPost");
 } // namespace MsgDisconnectedPost
 namespace MsgIpcClosedPost {
-inline const QString Name = QStringLiteral("MsgIpcClosedPost");
+inline const QString Message = QStringLiteral("MsgIpcClosedPost");
 } // namespace MsgIpcClosedPost
 
 // ---------------------------------------------------------------------------
 // The Hub's process manager. Keys are in body order.
 
 namespace HubMgrAttachRequest {
-inline const QString Name = QStringLiteral("HubMgrAttachRequest");
+inline const QString Message = QStringLiteral("HubMgrAttachRequest");
 inline const QString Type = QStringLiteral("Type");
 inline const QString Title = QStringLiteral("Title");
 inline const QString OSPid = QStringLiteral("OSPid");
@@ -70,27 +70,27 @@ inline const QString TypeAttached = QStringLiteral("Attached");
 inline const QString TypeMonitored = QStringLiteral("Monitored");
 } // namespace HubMgrAttachRequest
 namespace HubMgrAttachReply {
-inline const QString Name = QStringLiteral("HubMgrAttachReply");
+inline const QString Message = QStringLiteral("HubMgrAttachReply");
 inline const QString ProcessId = QStringLiteral("ProcessId");
 inline const QString MachineName = QStringLiteral("MachineName");
 inline const QString ParentAddress = QStringLiteral("ParentAddress");
 } // namespace HubMgrAttachReply
 namespace HubMgrTraceBufferRequest {
-inline const QString Name = QStringLiteral("HubMgrTraceBufferRequest");
+inline const QString Message = QStringLiteral("HubMgrTraceBufferRequest");
 } // namespace HubMgrTraceBufferRequest
 namespace HubMgrTraceBufferReply {
-inline const QString Name = QStringLiteral("HubMgrTraceBufferReply");
+inline const QString Message = QStringLiteral("HubMgrTraceBufferReply");
 inline const QString Id = QStringLiteral("Id");
 } // namespace HubMgrTraceBufferReply
 namespace HubMgrSetTitlePost {
-inline const QString Name = QStringLiteral("HubMgrSetTitlePost");
+inline const QString Message = QStringLiteral("HubMgrSetTitlePost");
 inline const QString Title = QStringLiteral("Title");
 } // namespace HubMgrSetTitlePost
 namespace HubMgrMonitorRequest {
-inline const QString Name = QStringLiteral("HubMgrMonitorRequest");
+inline const QString Message = QStringLiteral("HubMgrMonitorRequest");
 } // namespace HubMgrMonitorRequest
 namespace HubMgrMonitorReply {
-inline const QString Name = QStringLiteral("HubMgrMonitorReply");
+inline const QString Message = QStringLiteral("HubMgrMonitorReply");
 inline const QString EntryCount = QStringLiteral("EntryCount");
 inline const QString Id = QStringLiteral("Id");
 inline const QString ProcessId = QStringLiteral("ProcessId");
@@ -104,14 +104,14 @@ inline const QString Group = QStringLiteral("Group");
 inline const QString Name = QStringLiteral("Name");
 } // namespace HubMgrMonitorReply
 namespace HubMgrMonitorProcessChangePost {
-inline const QString Name = QStringLiteral("HubMgrMonitorProcessChangePost");
+inline const QString Message = QStringLiteral("HubMgrMonitorProcessChangePost");
 inline const QString Id = QStringLiteral("Id");
 inline const QString ProcessId = QStringLiteral("ProcessId");
 inline const QString State = QStringLiteral("State");
 inline const QString Title = QStringLiteral("Title");
 } // namespace HubMgrMonitorProcessChangePost
 namespace HubMgrMonitorProcessNewPost {
-inline const QString Name = QStringLiteral("HubMgrMonitorProcessNewPost");
+inline const QString Message = QStringLiteral("HubMgrMonitorProcessNewPost");
 inline const QString Id = QStringLiteral("Id");
 inline const QString ProcessId = QStringLiteral("ProcessId");
 inline const QString OSPid = QStringLiteral("OSPid");
@@ -124,12 +124,12 @@ inline const QString Group = QStringLiteral("Group");
 inline const QString Name = QStringLiteral("Name");
 } // namespace HubMgrMonitorProcessNewPost
 namespace HubMgrMonitorProcessEndPost {
-inline const QString Name = QStringLiteral("HubMgrMonitorProcessEndPost");
+inline const QString Message = QStringLiteral("HubMgrMonitorProcessEndPost");
 inline const QString Id = QStringLiteral("Id");
 inline const QString ProcessId = QStringLiteral("ProcessId");
 } // namespace HubMgrMonitorProcessEndPost
 namespace HubMgrCreateProcessRequest {
-inline const QString Name = QStringLiteral("HubMgrCreateProcessRequest");
+inline const QString Message = QStringLiteral("HubMgrCreateProcessRequest");
 inline const QString Program = QStringLiteral("Program");
 inline const QString Instance = QStringLiteral("Instance");
 inline const QString Name = QStringLiteral("Name");
@@ -138,7 +138,7 @@ inline const QString Title = QStringLiteral("Title");
 inline const QString TraceFile = QStringLiteral("TraceFile");
 } // namespace HubMgrCreateProcessRequest
 namespace HubMgrCreateProcessReply {
-inline const QString Name = QStringLiteral("HubMgrCreateProcessReply");
+inline const QString Message = QStringLiteral("HubMgrCreateProcessReply");
 inline const QString Instance = QStringLiteral("Instance");
 inline const QString Status = QStringLiteral("Status");
 inline const QString Address = QStringLiteral("Address");
@@ -153,10 +153,10 @@ inline const QString StatusAttachFailed = QStringLiteral("Attach Failed");
 inline const QString StatusNameConflict = QStringLiteral("Name Conflict");
 } // namespace HubMgrCreateProcessReply
 namespace HubMgrNamedProcessListRequest {
-inline const QString Name = QStringLiteral("HubMgrNamedProcessListRequest");
+inline const QString Message = QStringLiteral("HubMgrNamedProcessListRequest");
 } // namespace HubMgrNamedProcessListRequest
 namespace HubMgrNamedProcessListReply {
-inline const QString Name = QStringLiteral("HubMgrNamedProcessListReply");
+inline const QString Message = QStringLiteral("HubMgrNamedProcessListReply");
 inline const QString Entry = QStringLiteral("Entry");
 inline const QString Id = QStringLiteral("Id");
 inline const QString ProcessId = QStringLiteral("ProcessId");
@@ -165,112 +165,112 @@ inline const QString Group = QStringLiteral("Group");
 inline const QString Name = QStringLiteral("Name");
 } // namespace HubMgrNamedProcessListReply
 namespace HubMgrContextReadyPost {
-inline const QString Name = QStringLiteral("HubMgrContextReadyPost");
+inline const QString Message = QStringLiteral("HubMgrContextReadyPost");
 } // namespace HubMgrContextReadyPost
 namespace HubMgrConnectionEnableRequest {
-inline const QString Name = QStringLiteral("HubMgrConnectionEnableRequest");
+inline const QString Message = QStringLiteral("HubMgrConnectionEnableRequest");
 } // namespace HubMgrConnectionEnableRequest
 namespace HubMgrShutdownPost {
-inline const QString Name = QStringLiteral("HubMgrShutdownPost");
+inline const QString Message = QStringLiteral("HubMgrShutdownPost");
 } // namespace HubMgrShutdownPost
 namespace HubMgrGlobalTraceLevelPost {
-inline const QString Name = QStringLiteral("HubMgrGlobalTraceLevelPost");
+inline const QString Message = QStringLiteral("HubMgrGlobalTraceLevelPost");
 inline const QString Value = QStringLiteral("Value");
 } // namespace HubMgrGlobalTraceLevelPost
 namespace HubMgrPersistentProcessListRequest {
-inline const QString Name = QStringLiteral("HubMgrPersistentProcessListRequest");
+inline const QString Message = QStringLiteral("HubMgrPersistentProcessListRequest");
 } // namespace HubMgrPersistentProcessListRequest
 namespace HubMgrPersistentProcessListReply {
-inline const QString Name = QStringLiteral("HubMgrPersistentProcessListReply");
+inline const QString Message = QStringLiteral("HubMgrPersistentProcessListReply");
 inline const QString Entry = QStringLiteral("Entry");
 inline const QString Title = QStringLiteral("Title");
 inline const QString Running = QStringLiteral("Running");
 } // namespace HubMgrPersistentProcessListReply
 namespace HubMgrRemovePersistencePost {
-inline const QString Name = QStringLiteral("HubMgrRemovePersistencePost");
+inline const QString Message = QStringLiteral("HubMgrRemovePersistencePost");
 } // namespace HubMgrRemovePersistencePost
 
 // ---------------------------------------------------------------------------
 // The Hub's router.
 
 namespace HubRtrConnectionEnableReply {
-inline const QString Name = QStringLiteral("HubRtrConnectionEnableReply");
+inline const QString Message = QStringLiteral("HubRtrConnectionEnableReply");
 } // namespace HubRtrConnectionEnableReply
 namespace HubRtrConnectionDetachPost {
-inline const QString Name = QStringLiteral("HubRtrConnectionDetachPost");
+inline const QString Message = QStringLiteral("HubRtrConnectionDetachPost");
 } // namespace HubRtrConnectionDetachPost
 namespace HubRtrUndeliverableMessagePost {
-inline const QString Name = QStringLiteral("HubRtrUndeliverableMessagePost");
+inline const QString Message = QStringLiteral("HubRtrUndeliverableMessagePost");
 inline const QString Destination = QStringLiteral("Destination");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Body = QStringLiteral("Body");
 inline const QString Cookie = QStringLiteral("Cookie");
 } // namespace HubRtrUndeliverableMessagePost
 namespace HubRtrUndeliverableDataPost {
-inline const QString Name = QStringLiteral("HubRtrUndeliverableDataPost");
+inline const QString Message = QStringLiteral("HubRtrUndeliverableDataPost");
 inline const QString Destination = QStringLiteral("Destination");
 } // namespace HubRtrUndeliverableDataPost
 namespace HubRtrShutdownPost {
-inline const QString Name = QStringLiteral("HubRtrShutdownPost");
+inline const QString Message = QStringLiteral("HubRtrShutdownPost");
 } // namespace HubRtrShutdownPost
 namespace HubRtrRegisterNotifyOnExitPost {
-inline const QString Name = QStringLiteral("HubRtrRegisterNotifyOnExitPost");
+inline const QString Message = QStringLiteral("HubRtrRegisterNotifyOnExitPost");
 inline const QString Address = QStringLiteral("Address");
 } // namespace HubRtrRegisterNotifyOnExitPost
 namespace HubRtrUnregisterNotifyOnExitPost {
-inline const QString Name = QStringLiteral("HubRtrUnregisterNotifyOnExitPost");
+inline const QString Message = QStringLiteral("HubRtrUnregisterNotifyOnExitPost");
 inline const QString Address = QStringLiteral("Address");
 } // namespace HubRtrUnregisterNotifyOnExitPost
 namespace HubRtrProcessExitedPost {
-inline const QString Name = QStringLiteral("HubRtrProcessExitedPost");
+inline const QString Message = QStringLiteral("HubRtrProcessExitedPost");
 inline const QString Address = QStringLiteral("Address");
 } // namespace HubRtrProcessExitedPost
 namespace HubRtrRegisterNotifyOnReadyPost {
-inline const QString Name = QStringLiteral("HubRtrRegisterNotifyOnReadyPost");
+inline const QString Message = QStringLiteral("HubRtrRegisterNotifyOnReadyPost");
 inline const QString Address = QStringLiteral("Address");
 } // namespace HubRtrRegisterNotifyOnReadyPost
 namespace HubRtrUnregisterNotifyOnReadyPost {
-inline const QString Name = QStringLiteral("HubRtrUnregisterNotifyOnReadyPost");
+inline const QString Message = QStringLiteral("HubRtrUnregisterNotifyOnReadyPost");
 inline const QString Address = QStringLiteral("Address");
 } // namespace HubRtrUnregisterNotifyOnReadyPost
 namespace HubRtrProcessReadyPost {
-inline const QString Name = QStringLiteral("HubRtrProcessReadyPost");
+inline const QString Message = QStringLiteral("HubRtrProcessReadyPost");
 inline const QString Address = QStringLiteral("Address");
 inline const QString Success = QStringLiteral("Success");
 } // namespace HubRtrProcessReadyPost
 namespace HubRtrBroadcastMessagePost {
-inline const QString Name = QStringLiteral("HubRtrBroadcastMessagePost");
+inline const QString Message = QStringLiteral("HubRtrBroadcastMessagePost");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Cookie = QStringLiteral("Cookie");
 inline const QString Body = QStringLiteral("Body");
 } // namespace HubRtrBroadcastMessagePost
 namespace HubRtrContextDonePost {
-inline const QString Name = QStringLiteral("HubRtrContextDonePost");
+inline const QString Message = QStringLiteral("HubRtrContextDonePost");
 } // namespace HubRtrContextDonePost
 
 // ---------------------------------------------------------------------------
 // The Hub's multiplexer: the links between machines.
 
 namespace HubMpxConnectRequest {
-inline const QString Name = QStringLiteral("HubMpxConnectRequest");
+inline const QString Message = QStringLiteral("HubMpxConnectRequest");
 } // namespace HubMpxConnectRequest
 namespace HubMpxConnectReply {
-inline const QString Name = QStringLiteral("HubMpxConnectReply");
+inline const QString Message = QStringLiteral("HubMpxConnectReply");
 inline const QString Defer = QStringLiteral("Defer");
 inline const QString Authorized = QStringLiteral("Authorized");
 } // namespace HubMpxConnectReply
 namespace HubMpxRegisterNotifyMachineStatePost {
-inline const QString Name = QStringLiteral("HubMpxRegisterNotifyMachineStatePost");
+inline const QString Message = QStringLiteral("HubMpxRegisterNotifyMachineStatePost");
 inline const QString Route = QStringLiteral("Route");
 inline const QString Id = QStringLiteral("Id");
 } // namespace HubMpxRegisterNotifyMachineStatePost
 namespace HubMpxUnregisterNotifyMachineStatePost {
-inline const QString Name = QStringLiteral("HubMpxUnregisterNotifyMachineStatePost");
+inline const QString Message = QStringLiteral("HubMpxUnregisterNotifyMachineStatePost");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Route = QStringLiteral("Route");
 } // namespace HubMpxUnregisterNotifyMachineStatePost
 namespace HubMpxMachineStatePost {
-inline const QString Name = QStringLiteral("HubMpxMachineStatePost");
+inline const QString Message = QStringLiteral("HubMpxMachineStatePost");
 inline const QString Route = QStringLiteral("Route");
 inline const QString State = QStringLiteral("State");
 inline const QString StateUnavailable = QStringLiteral("Unavailable");
@@ -283,96 +283,96 @@ inline const QString StateUnknown = QStringLiteral("Unknown");
 inline const QString StateInvalid = QStringLiteral("Invalid");
 } // namespace HubMpxMachineStatePost
 namespace HubMpxInstallPost {
-inline const QString Name = QStringLiteral("HubMpxInstallPost");
+inline const QString Message = QStringLiteral("HubMpxInstallPost");
 inline const QString Destination = QStringLiteral("Destination");
 } // namespace HubMpxInstallPost
 namespace HubMpxAddNodeRequest {
-inline const QString Name = QStringLiteral("HubMpxAddNodeRequest");
+inline const QString Message = QStringLiteral("HubMpxAddNodeRequest");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Data = QStringLiteral("Data");
 } // namespace HubMpxAddNodeRequest
 namespace HubMpxAddNodeReply {
-inline const QString Name = QStringLiteral("HubMpxAddNodeReply");
+inline const QString Message = QStringLiteral("HubMpxAddNodeReply");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Success = QStringLiteral("Success");
 } // namespace HubMpxAddNodeReply
 namespace HubMpxUpdateNodeRequest {
-inline const QString Name = QStringLiteral("HubMpxUpdateNodeRequest");
+inline const QString Message = QStringLiteral("HubMpxUpdateNodeRequest");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Data = QStringLiteral("Data");
 } // namespace HubMpxUpdateNodeRequest
 namespace HubMpxUpdateNodeReply {
-inline const QString Name = QStringLiteral("HubMpxUpdateNodeReply");
+inline const QString Message = QStringLiteral("HubMpxUpdateNodeReply");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Success = QStringLiteral("Success");
 } // namespace HubMpxUpdateNodeReply
 namespace HubMpxRemoveNodeRequest {
-inline const QString Name = QStringLiteral("HubMpxRemoveNodeRequest");
+inline const QString Message = QStringLiteral("HubMpxRemoveNodeRequest");
 inline const QString Name = QStringLiteral("Name");
 } // namespace HubMpxRemoveNodeRequest
 namespace HubMpxRemoveNodeReply {
-inline const QString Name = QStringLiteral("HubMpxRemoveNodeReply");
+inline const QString Message = QStringLiteral("HubMpxRemoveNodeReply");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Success = QStringLiteral("Success");
 } // namespace HubMpxRemoveNodeReply
 namespace HubMpxProbePost {
-inline const QString Name = QStringLiteral("HubMpxProbePost");
+inline const QString Message = QStringLiteral("HubMpxProbePost");
 inline const QString DestinationDetails = QStringLiteral("Destination Details");
 } // namespace HubMpxProbePost
 namespace HubMpxPingRequest {
-inline const QString Name = QStringLiteral("HubMpxPingRequest");
+inline const QString Message = QStringLiteral("HubMpxPingRequest");
 } // namespace HubMpxPingRequest
 namespace HubMpxPingReply {
-inline const QString Name = QStringLiteral("HubMpxPingReply");
+inline const QString Message = QStringLiteral("HubMpxPingReply");
 inline const QString Authorized = QStringLiteral("Authorized");
 } // namespace HubMpxPingReply
 namespace HubMpxDisconnectingPost {
-inline const QString Name = QStringLiteral("HubMpxDisconnectingPost");
+inline const QString Message = QStringLiteral("HubMpxDisconnectingPost");
 } // namespace HubMpxDisconnectingPost
 namespace HubMpxStartNetworkPost {
-inline const QString Name = QStringLiteral("HubMpxStartNetworkPost");
+inline const QString Message = QStringLiteral("HubMpxStartNetworkPost");
 } // namespace HubMpxStartNetworkPost
 namespace HubMpxKeepAlivePost {
-inline const QString Name = QStringLiteral("HubMpxKeepAlivePost");
+inline const QString Message = QStringLiteral("HubMpxKeepAlivePost");
 } // namespace HubMpxKeepAlivePost
 
 // ---------------------------------------------------------------------------
 // The Hub's trace writer. A freeze is answered under the request's own name, with Success.
 
 namespace HubWriterExitPost {
-inline const QString Name = QStringLiteral("HubWriterExitPost");
+inline const QString Message = QStringLiteral("HubWriterExitPost");
 } // namespace HubWriterExitPost
 namespace HubWriterPost {
-inline const QString Name = QStringLiteral("HubWriterPost");
+inline const QString Message = QStringLiteral("HubWriterPost");
 inline const QString Text = QStringLiteral("Text");
 } // namespace HubWriterPost
 namespace HubWriterFreezeRequest {
-inline const QString Name = QStringLiteral("HubWriterFreezeRequest");
+inline const QString Message = QStringLiteral("HubWriterFreezeRequest");
 inline const QString Success = QStringLiteral("Success");
 } // namespace HubWriterFreezeRequest
 namespace HubWriterThawRequest {
-inline const QString Name = QStringLiteral("HubWriterThawRequest");
+inline const QString Message = QStringLiteral("HubWriterThawRequest");
 } // namespace HubWriterThawRequest
 
 // ---------------------------------------------------------------------------
 // The child manager's freeze, thaw and shutdown.
 
 namespace ChildMgrShutdownPost {
-inline const QString Name = QStringLiteral("ChildMgrShutdownPost");
+inline const QString Message = QStringLiteral("ChildMgrShutdownPost");
 } // namespace ChildMgrShutdownPost
 namespace ChildMgrFreezeRequest {
-inline const QString Name = QStringLiteral("ChildMgrFreezeRequest");
+inline const QString Message = QStringLiteral("ChildMgrFreezeRequest");
 } // namespace ChildMgrFreezeRequest
 namespace ChildMgrFreezeReply {
-inline const QString Name = QStringLiteral("ChildMgrFreezeReply");
+inline const QString Message = QStringLiteral("ChildMgrFreezeReply");
 inline const QString Success = QStringLiteral("Success");
 inline const QString Reason = QStringLiteral("Reason");
 } // namespace ChildMgrFreezeReply
 namespace ChildMgrThawRequest {
-inline const QString Name = QStringLiteral("ChildMgrThawRequest");
+inline const QString Message = QStringLiteral("ChildMgrThawRequest");
 } // namespace ChildMgrThawRequest
 namespace ChildMgrThawReply {
-inline const QString Name = QStringLiteral("ChildMgrThawReply");
+inline const QString Message = QStringLiteral("ChildMgrThawReply");
 inline const QString Success = QStringLiteral("Success");
 inline const QString Reason = QStringLiteral("Reason");
 } // namespace ChildMgrThawReply
@@ -389,20 +389,20 @@ inline const QString ChildMgrStateFailed = QStringLiteral("Failed");
 // The timer thread of a process.
 
 namespace TimerSetPost {
-inline const QString Name = QStringLiteral("TimerSetPost");
+inline const QString Message = QStringLiteral("TimerSetPost");
 inline const QString Name = QStringLiteral("Name");
 inline const QString When = QStringLiteral("When");
 inline const QString Cookie = QStringLiteral("Cookie");
 } // namespace TimerSetPost
 namespace TimerCancelPost {
-inline const QString Name = QStringLiteral("TimerCancelPost");
+inline const QString Message = QStringLiteral("TimerCancelPost");
 inline const QString Name = QStringLiteral("Name");
 } // namespace TimerCancelPost
 namespace TimerSignalPost {
-inline const QString Name = QStringLiteral("TimerSignalPost");
+inline const QString Message = QStringLiteral("TimerSignalPost");
 } // namespace TimerSignalPost
 namespace TimerShutdownPost {
-inline const QString Name = QStringLiteral("TimerShutdownPost");
+inline const QString Message = QStringLiteral("TimerShutdownPost");
 } // namespace TimerShutdownPost
 inline const QString TimerTitleWord = QStringLiteral("Timer");
 inline const QString TimerGreeting = QStringLiteral("Hello");
@@ -413,47 +413,47 @@ inline const QString TimerGreeting = QStringLiteral("Hello");
 inline const QString NodeManagerService = QStringLiteral("NodeManager");
 inline const QString NodeMgrUnnamedMaster = QStringLiteral("NodeMgrUnnamedMaster");
 namespace NodeMgrInstallPost {
-inline const QString Name = QStringLiteral("NodeMgrInstallPost");
+inline const QString Message = QStringLiteral("NodeMgrInstallPost");
 } // namespace NodeMgrInstallPost
 namespace NodeMgrProbePost {
-inline const QString Name = QStringLiteral("NodeMgrProbePost");
+inline const QString Message = QStringLiteral("NodeMgrProbePost");
 } // namespace NodeMgrProbePost
 namespace NodeMgrMasterRequest {
-inline const QString Name = QStringLiteral("NodeMgrMasterRequest");
+inline const QString Message = QStringLiteral("NodeMgrMasterRequest");
 } // namespace NodeMgrMasterRequest
 namespace NodeMgrMasterReply {
-inline const QString Name = QStringLiteral("NodeMgrMasterReply");
+inline const QString Message = QStringLiteral("NodeMgrMasterReply");
 inline const QString Name = QStringLiteral("Name");
 } // namespace NodeMgrMasterReply
 namespace NodeMgrGetRulesIdRequest {
-inline const QString Name = QStringLiteral("NodeMgrGetRulesIdRequest");
+inline const QString Message = QStringLiteral("NodeMgrGetRulesIdRequest");
 } // namespace NodeMgrGetRulesIdRequest
 namespace NodeMgrGetRulesIdReply {
-inline const QString Name = QStringLiteral("NodeMgrGetRulesIdReply");
+inline const QString Message = QStringLiteral("NodeMgrGetRulesIdReply");
 inline const QString ActiveRulesId = QStringLiteral("ActiveRulesId");
 inline const QString PreviousRules = QStringLiteral("PreviousRules");
 inline const QString RulesId = QStringLiteral("RulesId");
 } // namespace NodeMgrGetRulesIdReply
 namespace NodeMgrRegisterNotifyRulesIdPost {
-inline const QString Name = QStringLiteral("NodeMgrRegisterNotifyRulesIdPost");
+inline const QString Message = QStringLiteral("NodeMgrRegisterNotifyRulesIdPost");
 } // namespace NodeMgrRegisterNotifyRulesIdPost
 namespace NodeMgrNotifyRulesIdPost {
-inline const QString Name = QStringLiteral("NodeMgrNotifyRulesIdPost");
+inline const QString Message = QStringLiteral("NodeMgrNotifyRulesIdPost");
 } // namespace NodeMgrNotifyRulesIdPost
 namespace NodeMgrUnregisterNotifyRulesIdPost {
-inline const QString Name = QStringLiteral("NodeMgrUnregisterNotifyRulesIdPost");
+inline const QString Message = QStringLiteral("NodeMgrUnregisterNotifyRulesIdPost");
 } // namespace NodeMgrUnregisterNotifyRulesIdPost
 namespace NodeMgrRegisterNotifyNetworkRulesIdPost {
-inline const QString Name = QStringLiteral("NodeMgrRegisterNotifyNetworkRulesIdPost");
+inline const QString Message = QStringLiteral("NodeMgrRegisterNotifyNetworkRulesIdPost");
 } // namespace NodeMgrRegisterNotifyNetworkRulesIdPost
 namespace NodeMgrNotifyNetworkRulesIdPost {
-inline const QString Name = QStringLiteral("NodeMgrNotifyNetworkRulesIdPost");
+inline const QString Message = QStringLiteral("NodeMgrNotifyNetworkRulesIdPost");
 } // namespace NodeMgrNotifyNetworkRulesIdPost
 namespace NodeMgrUnregisterNotifyNetworkRulesIdPost {
-inline const QString Name = QStringLiteral("NodeMgrUnregisterNotifyNetworkRulesIdPost");
+inline const QString Message = QStringLiteral("NodeMgrUnregisterNotifyNetworkRulesIdPost");
 } // namespace NodeMgrUnregisterNotifyNetworkRulesIdPost
 namespace NodeInfoRequest {
-inline const QString Name = QStringLiteral("NodeInfoRequest");
+inline const QString Message = QStringLiteral("NodeInfoRequest");
 inline const QString Machines = QStringLiteral("Machines");
 inline const QString Machine = QStringLiteral("Machine");
 inline const QString Name = QStringLiteral("Name");
@@ -462,99 +462,99 @@ inline const QString Details = QStringLiteral("Details");
 inline const QString AgentlessDetails = QStringLiteral("AgentlessDetails");
 } // namespace NodeInfoRequest
 namespace NodeInfoReply {
-inline const QString Name = QStringLiteral("NodeInfoReply");
+inline const QString Message = QStringLiteral("NodeInfoReply");
 inline const QString NodeInfoList = QStringLiteral("NodeInfoList");
 } // namespace NodeInfoReply
 namespace NodeMgrRegisterNotifyNodeInfoPost {
-inline const QString Name = QStringLiteral("NodeMgrRegisterNotifyNodeInfoPost");
+inline const QString Message = QStringLiteral("NodeMgrRegisterNotifyNodeInfoPost");
 } // namespace NodeMgrRegisterNotifyNodeInfoPost
 namespace NodeMgrNotifyNodeInfoPost {
-inline const QString Name = QStringLiteral("NodeMgrNotifyNodeInfoPost");
+inline const QString Message = QStringLiteral("NodeMgrNotifyNodeInfoPost");
 } // namespace NodeMgrNotifyNodeInfoPost
 namespace NodeMgrUnregisterNotifyNodeInfoPost {
-inline const QString Name = QStringLiteral("NodeMgrUnregisterNotifyNodeInfoPost");
+inline const QString Message = QStringLiteral("NodeMgrUnregisterNotifyNodeInfoPost");
 } // namespace NodeMgrUnregisterNotifyNodeInfoPost
 namespace NodeAuthorizeRequest {
-inline const QString Name = QStringLiteral("NodeAuthorizeRequest");
+inline const QString Message = QStringLiteral("NodeAuthorizeRequest");
 inline const QString Name = QStringLiteral("Name");
 inline const QString State = QStringLiteral("State");
 inline const QString AwaitValidation = QStringLiteral("AwaitValidation");
 } // namespace NodeAuthorizeRequest
 namespace NodeAuthorizeReply {
-inline const QString Name = QStringLiteral("NodeAuthorizeReply");
+inline const QString Message = QStringLiteral("NodeAuthorizeReply");
 inline const QString Result = QStringLiteral("Result");
 inline const QString String = QStringLiteral("String");
 } // namespace NodeAuthorizeReply
 namespace NodeMgrAddAgentlessNodeRequest {
-inline const QString Name = QStringLiteral("NodeMgrAddAgentlessNodeRequest");
+inline const QString Message = QStringLiteral("NodeMgrAddAgentlessNodeRequest");
 inline const QString Name = QStringLiteral("Name");
 inline const QString NodeDetails = QStringLiteral("NodeDetails");
 } // namespace NodeMgrAddAgentlessNodeRequest
 namespace NodeMgrAddAgentlessNodeReply {
-inline const QString Name = QStringLiteral("NodeMgrAddAgentlessNodeReply");
+inline const QString Message = QStringLiteral("NodeMgrAddAgentlessNodeReply");
 inline const QString Result = QStringLiteral("Result");
 inline const QString String = QStringLiteral("String");
 } // namespace NodeMgrAddAgentlessNodeReply
 namespace NodeMgrNodeRemoveRequest {
-inline const QString Name = QStringLiteral("NodeMgrNodeRemoveRequest");
+inline const QString Message = QStringLiteral("NodeMgrNodeRemoveRequest");
 inline const QString Name = QStringLiteral("Name");
 } // namespace NodeMgrNodeRemoveRequest
 namespace NodeMgrNodeRemoveReply {
-inline const QString Name = QStringLiteral("NodeMgrNodeRemoveReply");
+inline const QString Message = QStringLiteral("NodeMgrNodeRemoveReply");
 inline const QString Result = QStringLiteral("Result");
 inline const QString String = QStringLiteral("String");
 } // namespace NodeMgrNodeRemoveReply
 namespace DistributeRulesRequest {
-inline const QString Name = QStringLiteral("DistributeRulesRequest");
+inline const QString Message = QStringLiteral("DistributeRulesRequest");
 inline const QString RestartType = QStringLiteral("RestartType");
 inline const QString RestartAllNodes = QStringLiteral("AllNodes");
 inline const QString RestartAllAccessible = QStringLiteral("AllAccessible");
 inline const QString RestartImmediate = QStringLiteral("Immediate");
 } // namespace DistributeRulesRequest
 namespace DistributeRulesReply {
-inline const QString Name = QStringLiteral("DistributeRulesReply");
+inline const QString Message = QStringLiteral("DistributeRulesReply");
 inline const QString Result = QStringLiteral("Result");
 inline const QString String = QStringLiteral("String");
 inline const QString Log = QStringLiteral("Log");
 } // namespace DistributeRulesReply
 namespace LatestDistributionRequest {
-inline const QString Name = QStringLiteral("LatestDistributionRequest");
+inline const QString Message = QStringLiteral("LatestDistributionRequest");
 } // namespace LatestDistributionRequest
 namespace LatestDistributionReply {
-inline const QString Name = QStringLiteral("LatestDistributionReply");
+inline const QString Message = QStringLiteral("LatestDistributionReply");
 inline const QString Result = QStringLiteral("Result");
 inline const QString Log = QStringLiteral("Log");
 } // namespace LatestDistributionReply
 namespace DiscoverNodePost {
-inline const QString Name = QStringLiteral("DiscoverNodePost");
+inline const QString Message = QStringLiteral("DiscoverNodePost");
 inline const QString Discover = QStringLiteral("Discover");
 inline const QString Data = QStringLiteral("Data");
 } // namespace DiscoverNodePost
 namespace NodeMgrRegisterNotifyMasterStatePost {
-inline const QString Name = QStringLiteral("NodeMgrRegisterNotifyMasterStatePost");
+inline const QString Message = QStringLiteral("NodeMgrRegisterNotifyMasterStatePost");
 } // namespace NodeMgrRegisterNotifyMasterStatePost
 namespace NodeMgrUnregisterNotifyMasterStatePost {
-inline const QString Name = QStringLiteral("NodeMgrUnregisterNotifyMasterStatePost");
+inline const QString Message = QStringLiteral("NodeMgrUnregisterNotifyMasterStatePost");
 } // namespace NodeMgrUnregisterNotifyMasterStatePost
 namespace NodeMgrMasterStatePost {
-inline const QString Name = QStringLiteral("NodeMgrMasterStatePost");
+inline const QString Message = QStringLiteral("NodeMgrMasterStatePost");
 inline const QString Master = QStringLiteral("Master");
 inline const QString Authorized = QStringLiteral("Authorized");
 inline const QString State = QStringLiteral("State");
 } // namespace NodeMgrMasterStatePost
 namespace NodeMgrSetMasterRequest {
-inline const QString Name = QStringLiteral("NodeMgrSetMasterRequest");
+inline const QString Message = QStringLiteral("NodeMgrSetMasterRequest");
 inline const QString Name = QStringLiteral("Name");
 inline const QString Details = QStringLiteral("Details");
 inline const QString Force = QStringLiteral("Force");
 } // namespace NodeMgrSetMasterRequest
 namespace NodeMgrSetMasterReply {
-inline const QString Name = QStringLiteral("NodeMgrSetMasterReply");
+inline const QString Message = QStringLiteral("NodeMgrSetMasterReply");
 inline const QString Result = QStringLiteral("Result");
 inline const QString String = QStringLiteral("String");
 } // namespace NodeMgrSetMasterReply
 namespace NodeMgrSetConfigRequest {
-inline const QString Name = QStringLiteral("NodeMgrSetConfigRequest");
+inline const QString Message = QStringLiteral("NodeMgrSetConfigRequest");
 inline const QString Force = QStringLiteral("Force");
 inline const QString Details = QStringLiteral("Details");
 inline const QString AddressLists = QStringLiteral("AddressLists");
@@ -565,19 +565,19 @@ inline const QString RemoveAddresses = QStringLiteral("RemoveAddresses");
 inline const QString Capabilities = QStringLiteral("Capabilities");
 } // namespace NodeMgrSetConfigRequest
 namespace NodeMgrSetConfigReply {
-inline const QString Name = QStringLiteral("NodeMgrSetConfigReply");
+inline const QString Message = QStringLiteral("NodeMgrSetConfigReply");
 inline const QString Result = QStringLiteral("Result");
 inline const QString String = QStringLiteral("String");
 inline const QString Profile = QStringLiteral("Profile");
 } // namespace NodeMgrSetConfigReply
 namespace DiskSpaceCriticalPost {
-inline const QString Name = QStringLiteral("DiskSpaceCriticalPost");
+inline const QString Message = QStringLiteral("DiskSpaceCriticalPost");
 } // namespace DiskSpaceCriticalPost
 namespace NodeMgrEnableTempConnectionRequest {
-inline const QString Name = QStringLiteral("NodeMgrEnableTempConnectionRequest");
+inline const QString Message = QStringLiteral("NodeMgrEnableTempConnectionRequest");
 } // namespace NodeMgrEnableTempConnectionRequest
 namespace NodeMgrEnableTempConnectionReply {
-inline const QString Name = QStringLiteral("NodeMgrEnableTempConnectionReply");
+inline const QString Message = QStringLiteral("NodeMgrEnableTempConnectionReply");
 inline const QString TempNodeA = QStringLiteral("TempNodeA");
 inline const QString TempNodeB = QStringLiteral("TempNodeB");
 inline const QString TempCookie = QStringLiteral("TempCookie");
@@ -585,27 +585,27 @@ inline const QString Timeout = QStringLiteral("Timeout");
 inline const QString Result = QStringLiteral("Result");
 } // namespace NodeMgrEnableTempConnectionReply
 namespace NodeMgrDisableTempConnectionRequest {
-inline const QString Name = QStringLiteral("NodeMgrDisableTempConnectionRequest");
+inline const QString Message = QStringLiteral("NodeMgrDisableTempConnectionRequest");
 } // namespace NodeMgrDisableTempConnectionRequest
 namespace NodeMgrDisableTempConnectionReply {
-inline const QString Name = QStringLiteral("NodeMgrDisableTempConnectionReply");
+inline const QString Message = QStringLiteral("NodeMgrDisableTempConnectionReply");
 } // namespace NodeMgrDisableTempConnectionReply
 namespace NodeMgrRepositoryFreezeRequest {
-inline const QString Name = QStringLiteral("NodeMgrRepositoryFreezeRequest");
+inline const QString Message = QStringLiteral("NodeMgrRepositoryFreezeRequest");
 } // namespace NodeMgrRepositoryFreezeRequest
 namespace NodeMgrRepositoryThawRequest {
-inline const QString Name = QStringLiteral("NodeMgrRepositoryThawRequest");
+inline const QString Message = QStringLiteral("NodeMgrRepositoryThawRequest");
 } // namespace NodeMgrRepositoryThawRequest
 namespace NodeMgrRepositoryFreezeReply {
-inline const QString Name = QStringLiteral("NodeMgrRepositoryFreezeReply");
+inline const QString Message = QStringLiteral("NodeMgrRepositoryFreezeReply");
 inline const QString Success = QStringLiteral("Success");
 } // namespace NodeMgrRepositoryFreezeReply
 namespace NodeMgrRepositoryThawReply {
-inline const QString Name = QStringLiteral("NodeMgrRepositoryThawReply");
+inline const QString Message = QStringLiteral("NodeMgrRepositoryThawReply");
 inline const QString Success = QStringLiteral("Success");
 } // namespace NodeMgrRepositoryThawReply
 namespace NodeMgrRulesManagerReadyPost {
-inline const QString Name = QStringLiteral("NodeMgrRulesManagerReadyPost");
+inline const QString Message = QStringLiteral("NodeMgrRulesManagerReadyPost");
 } // namespace NodeMgrRulesManagerReadyPost
 namespace NodeKey {
 inline const QString OsName = QStringLiteral("OsName");
@@ -656,99 +656,99 @@ inline const QString RCWarningCount = QStringLiteral("RCWarningCount");
 inline const QString LogDaemonLocalService = QStringLiteral("LogDaemonLocal");
 inline const QString LogDaemonService = QStringLiteral("LogDaemon");
 namespace LogDaemonErrorLogUpdateRegister {
-inline const QString Name = QStringLiteral("LogDaemonErrorLogUpdateRegister");
+inline const QString Message = QStringLiteral("LogDaemonErrorLogUpdateRegister");
 } // namespace LogDaemonErrorLogUpdateRegister
 namespace LogDaemonErrorLogUpdateUnregister {
-inline const QString Name = QStringLiteral("LogDaemonErrorLogUpdateUnregister");
+inline const QString Message = QStringLiteral("LogDaemonErrorLogUpdateUnregister");
 } // namespace LogDaemonErrorLogUpdateUnregister
 namespace LogDaemonErrorLogUpdateReply {
-inline const QString Name = QStringLiteral("LogDaemonErrorLogUpdateReply");
+inline const QString Message = QStringLiteral("LogDaemonErrorLogUpdateReply");
 } // namespace LogDaemonErrorLogUpdateReply
 namespace LogDaemonNodeName {
-inline const QString Name = QStringLiteral("LogDaemonNodeName");
+inline const QString Message = QStringLiteral("LogDaemonNodeName");
 } // namespace LogDaemonNodeName
 namespace LogDaemonErrorCount {
-inline const QString Name = QStringLiteral("LogDaemonErrorCount");
+inline const QString Message = QStringLiteral("LogDaemonErrorCount");
 } // namespace LogDaemonErrorCount
 namespace LogDaemonUnclearedErrorCount {
-inline const QString Name = QStringLiteral("LogDaemonUnclearedErrorCount");
+inline const QString Message = QStringLiteral("LogDaemonUnclearedErrorCount");
 } // namespace LogDaemonUnclearedErrorCount
 namespace LogDaemonRecountErrors {
-inline const QString Name = QStringLiteral("LogDaemonRecountErrors");
+inline const QString Message = QStringLiteral("LogDaemonRecountErrors");
 } // namespace LogDaemonRecountErrors
 namespace LogDaemonLocalWriteLog {
-inline const QString Name = QStringLiteral("LogDaemonLocalWriteLog");
+inline const QString Message = QStringLiteral("LogDaemonLocalWriteLog");
 } // namespace LogDaemonLocalWriteLog
 namespace LogDaemonWriteLog {
-inline const QString Name = QStringLiteral("LogDaemonWriteLog");
+inline const QString Message = QStringLiteral("LogDaemonWriteLog");
 } // namespace LogDaemonWriteLog
 namespace LogDaemonBufferedWriteLog {
-inline const QString Name = QStringLiteral("LogDaemonBufferedWriteLog");
+inline const QString Message = QStringLiteral("LogDaemonBufferedWriteLog");
 } // namespace LogDaemonBufferedWriteLog
 namespace LogDaemonStartReaderRequest {
-inline const QString Name = QStringLiteral("LogDaemonStartReaderRequest");
+inline const QString Message = QStringLiteral("LogDaemonStartReaderRequest");
 } // namespace LogDaemonStartReaderRequest
 namespace LogDaemonChangeFilterPost {
-inline const QString Name = QStringLiteral("LogDaemonChangeFilterPost");
+inline const QString Message = QStringLiteral("LogDaemonChangeFilterPost");
 } // namespace LogDaemonChangeFilterPost
 namespace LogDaemonAcked {
-inline const QString Name = QStringLiteral("LogDaemonAcked");
+inline const QString Message = QStringLiteral("LogDaemonAcked");
 } // namespace LogDaemonAcked
 namespace LogDaemonUpdate {
-inline const QString Name = QStringLiteral("LogDaemonUpdate");
+inline const QString Message = QStringLiteral("LogDaemonUpdate");
 } // namespace LogDaemonUpdate
 namespace LogDaemonLiveLog {
-inline const QString Name = QStringLiteral("LogDaemonLiveLog");
+inline const QString Message = QStringLiteral("LogDaemonLiveLog");
 } // namespace LogDaemonLiveLog
 namespace LogDaemonStartReaderReply {
-inline const QString Name = QStringLiteral("LogDaemonStartReaderReply");
+inline const QString Message = QStringLiteral("LogDaemonStartReaderReply");
 } // namespace LogDaemonStartReaderReply
 namespace LogDaemonLogPost {
-inline const QString Name = QStringLiteral("LogDaemonLogPost");
+inline const QString Message = QStringLiteral("LogDaemonLogPost");
 } // namespace LogDaemonLogPost
 namespace LogDaemonCancelGetLog {
-inline const QString Name = QStringLiteral("LogDaemonCancelGetLog");
+inline const QString Message = QStringLiteral("LogDaemonCancelGetLog");
 } // namespace LogDaemonCancelGetLog
 namespace LogDaemonRequestReturnFields {
-inline const QString Name = QStringLiteral("LogDaemonRequestReturnFields");
+inline const QString Message = QStringLiteral("LogDaemonRequestReturnFields");
 } // namespace LogDaemonRequestReturnFields
 namespace LogDaemonViewerExited {
-inline const QString Name = QStringLiteral("LogDaemonViewerExited");
+inline const QString Message = QStringLiteral("LogDaemonViewerExited");
 } // namespace LogDaemonViewerExited
 namespace LogDaemonFinishedUpdate {
-inline const QString Name = QStringLiteral("LogDaemonFinishedUpdate");
+inline const QString Message = QStringLiteral("LogDaemonFinishedUpdate");
 } // namespace LogDaemonFinishedUpdate
 namespace LogDaemonFinishedSendingMessages {
-inline const QString Name = QStringLiteral("LogDaemonFinishedSendingMessages");
+inline const QString Message = QStringLiteral("LogDaemonFinishedSendingMessages");
 } // namespace LogDaemonFinishedSendingMessages
 namespace LogDaemonChangeNotificationCriteria {
-inline const QString Name = QStringLiteral("LogDaemonChangeNotificationCriteria");
+inline const QString Message = QStringLiteral("LogDaemonChangeNotificationCriteria");
 inline const QString Reason = QStringLiteral("Reason");
 } // namespace LogDaemonChangeNotificationCriteria
 namespace LogDaemonNoMatchFound {
-inline const QString Name = QStringLiteral("LogDaemonNoMatchFound");
+inline const QString Message = QStringLiteral("LogDaemonNoMatchFound");
 } // namespace LogDaemonNoMatchFound
 namespace LogDaemonErrorGettingLog {
-inline const QString Name = QStringLiteral("LogDaemonErrorGettingLog");
+inline const QString Message = QStringLiteral("LogDaemonErrorGettingLog");
 } // namespace LogDaemonErrorGettingLog
 namespace LogDaemonErrorSearchingDb {
-inline const QString Name = QStringLiteral("LogDaemonErrorSearchingDb");
+inline const QString Message = QStringLiteral("LogDaemonErrorSearchingDb");
 } // namespace LogDaemonErrorSearchingDb
 inline const QString LogDaemonChangingFilter = QStringLiteral("LogDaemonChanging filter");
 namespace LogDaemonSuccess {
-inline const QString Name = QStringLiteral("LogDaemonSuccess");
+inline const QString Message = QStringLiteral("LogDaemonSuccess");
 } // namespace LogDaemonSuccess
 namespace LogDaemonPurgedLogs {
-inline const QString Name = QStringLiteral("LogDaemonPurgedLogs");
+inline const QString Message = QStringLiteral("LogDaemonPurgedLogs");
 } // namespace LogDaemonPurgedLogs
 namespace LogDaemonClearItem {
-inline const QString Name = QStringLiteral("LogDaemonClearItem");
+inline const QString Message = QStringLiteral("LogDaemonClearItem");
 } // namespace LogDaemonClearItem
 namespace LogDaemonUiScreenDefinition {
-inline const QString Name = QStringLiteral("LogDaemonUiScreenDefinition");
+inline const QString Message = QStringLiteral("LogDaemonUiScreenDefinition");
 } // namespace LogDaemonUiScreenDefinition
 namespace LogDaemonUiScreenAttributes {
-inline const QString Name = QStringLiteral("LogDaemonUiScreenAttributes");
+inline const QString Message = QStringLiteral("LogDaemonUiScreenAttributes");
 } // namespace LogDaemonUiScreenAttributes
 namespace LogKey {
 inline const QString ReturnField = QStringLiteral("ReturnField");

@@ -19,7 +19,7 @@ TEST(MsgCatalogue, OddTextsStayAsTheyRead)
 
 TEST(MsgCatalogue, AFreezeOfTheTraceWriterIsAnsweredUnderItsOwnName)
 {
-    EXPECT_EQ(HubWriterFreezeRequest::Name, "HubWriterFreezeRequest");
+    EXPECT_EQ(HubWriterFreezeRequest::Message, "HubWriterFreezeRequest");
     EXPECT_EQ(HubWriterFreezeRequest::Success, "Success");
     EXPECT_EQ(HubMgrCreateProcessReply::StatusDoesNotExist, "Does Not Exist");
     EXPECT_EQ(HubMgrAttachRequest::TypeMonitored, "Monitored");
