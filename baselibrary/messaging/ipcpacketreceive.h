@@ -1,0 +1,105 @@
+#ifndef BASELIBRARY_MESSAGING_IPCPACKETRECEIVE_H
+#define BASELIBRARY_MESSAGING_IPCPACKETRECEIVE_H
+
+#include "brevi_export.h"
+#include "core/extent.h"
+#include "core/operatorboolgenerator.h"
+#include "messaging/ipcpacketlayout.h"
+#include "messaging/ipcresult.h"
+
+#include <boost/shared_ptr.hpp>
+
+namespace Brevi {
+
+class IpcPacket;
+class TCPSocketData;
+
+// Reads packets from a non-blocking socket, one at a time, going on where the
+// last call stopped: header (magic and size), then body, then complete.
+//
+//     IpcPacketReceive receiver(socket);
+//     for (;;) {
+//         IpcResult result = receiver.receive();
+//         if (result == eIpcResultOk)
+//             queue(receiver.get(nextId++));      // then read on
+//         else if (result == eIpcResultAgain)
+//             break;                              // wait until readable
+//         else
+//             ... the link is gone: eIpcResultClosed, eIpcResultCorrupt,
+//                 eIpcResultTooSmall, eIpcResultTooBig
+//     }
+//
+// Framing: the magic chooses the class (MsgPacket, DataPacket, DataMsgPacket);
+// the size must be from 9 to maximumSize(), which starts at 65,536 and which
+// the owner raises once the Hub has enabled the connection. A framing error
+// is fatal: no resynchronisation is tried, the receiver is failed, and only
+// setSocket leads out of that. A packet whose fields do not parse is not: it
+// comes out empty (tests false) and the layers above drop it.
+//
+// Failure: traced at TraceAlways unless said otherwise: "Bad magic" with the
+// value and a hex dump, "Size" n "to small, min 9", "Size" n "to big, max" m,
+// "Socket has closed" (TraceNormal between packets, TraceAlways in mid-packet,
+// when the packet is lost), "Error reading socket" with the error.
+//
+// Threads: the thread that owns the link; nothing is locked.
+class BREVI_EXPORT IpcPacketReceive
+{
+public:
+    // No socket: not valid.
+    IpcPacketReceive();
+    explicit IpcPacketReceive(const boost::shared_ptr<TCPSocketData>& socket);
+    ~IpcPacketReceive();
+    IpcPacketReceive(const IpcPacketReceive&) = delete;
+    IpcPacketReceive& operator=(const IpcPacketReceive&) = delete;
+
+    // Drops any packet, takes `socket`, goes back to the header state and
+    // sets the maximum back to 65,536; valid when the socket is.
+    void setSocket(const boost::shared_ptr<TCPSocketData>& socket);
+    const boost::shared_ptr<TCPSocketData>& socket() const { return mptSocket; }
+
+    // Reads until a packet is complete or the socket has nothing more.
+    // eIpcResultOk: a packet is complete (take it with get). eIpcResultAgain:
+    // nothing more to read now. eIpcResultPending: a complete packet has not
+    // been taken; nothing was read ("Attempt to receive a message when one
+    // is pending", TraceNormal). eIpcResultClosed: the peer ended the stream
+    // or it failed (a packet in progress is lost). eIpcResultCorrupt,
+    // eIpcResultTooSmall, eIpcResultTooBig: framing errors. After any of the
+    // last four the receiver is failed.
+    IpcResult receive();
+    // A complete packet is held.
+    bool available() const;
+    // Hands over the complete packet with `id` stored in it, and goes back to
+    // the header state; null when none is available.
+    boost::shared_ptr<IpcPacket> get(unsigned id);
+
+    // The largest packet accepted, its header included.
+    void setMaximumSize(unsigned size) { muiMaximumSize = size; }
+    unsigned maximumSize() const { return muiMaximumSize; }
+
+    bool isValid() const { return mbValid; }
+    operator OperatorBoolGenerator<IpcPacketReceive>::Result() const
+    {
+        return OperatorBoolGenerator<IpcPacketReceive>::make(mbValid);
+    }
+
+private:
+    // After a recv of nothing: the result, and whether the link failed.
+    IpcResult readFailed(bool inPacket);
+    // A full header: checks magic and size and makes the packet; a framing
+    // error fails the receiver.
+    IpcResult startPacket();
+    void fail();
+
+    boost::shared_ptr<TCPSocketData> mptSocket;
+    boost::shared_ptr<IpcPacket> mptPacket;
+    // What is still to come of the packet's body; its cursor is the fill.
+    Extent moRemaining;
+    unsigned char mcHeader[IpcPacketLayout::HeaderSize] = {};
+    unsigned muiHeaderFill = 0;
+    unsigned muiMaximumSize = IpcPacketLayout::InitialMaximumSize;
+    bool mbValid = false;
+};
+
+} // namespace Brevi
+
+#endif
