@@ -13,6 +13,8 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <memory>
+
 namespace Brevi {
 
 class MsgAddress;
@@ -96,11 +98,10 @@ private:
     mutable Extent moXmlText;
     mutable QByteArray moExpanded;
     mutable boost::shared_ptr<Buffer> mptData;
-    mutable XmlList moXml;
+    mutable std::unique_ptr<XmlList> mpXml;
     unsigned muiDataSize = 0;
     mutable bool mbPrepared = false;
     mutable bool mbExpandFailed = false;
-    mutable bool mbParsed = false;
 };
 
 } // namespace Brevi

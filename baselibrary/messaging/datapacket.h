@@ -113,7 +113,7 @@ private:
 
     // The payload: a view on moBytes, or on moExpanded after expansion.
     Extent moPayload;
-    Buffer moExpanded;
+    QByteArray moExpanded;
     unsigned muiSize = 0;
     unsigned muiRoom = 0;
     // Offset of the payload in moBytes.

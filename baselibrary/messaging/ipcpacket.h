@@ -104,8 +104,6 @@ protected:
     // Allocates exactly `size` bytes (no slack, so an overrun shows under the
     // sanitizer) and writes magic and size. Returns the offset behind them.
     unsigned allocate(unsigned magic, unsigned size);
-    // Writes one NUL-ended field at `at` and returns the offset behind it.
-    unsigned putField(unsigned at, const char* data, unsigned size);
     // Points destination, source and authorization at the three fields.
     void viewAddresses(const Extent& destination, const Extent& source, const Extent& authorization);
     void setMagic(unsigned magic);

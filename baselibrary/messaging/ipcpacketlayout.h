@@ -166,8 +166,8 @@ enum CheckE {
     eCheckBadMagic,
     eCheckTooSmall,
     eCheckTooBig,
-    // Deserialisation errors: the receiver empties the packet.
-    eCheckNoChannelId,
+    // Deserialisation errors: the receiver empties the packet. A packet too
+    // short for its fixed numbers has no destination either.
     eCheckNoDestination,
     eCheckNoSource,
     eCheckNoAuthorization,
@@ -190,7 +190,7 @@ inline bool isFramingError(CheckE result)
     return result == eCheckBadMagic || result == eCheckTooSmall || result == eCheckTooBig;
 }
 // True for the results after which a receiver hands on an empty packet.
-inline bool isDeserializeError(CheckE result) { return result >= eCheckNoChannelId && result <= eCheckBadDataSize; }
+inline bool isDeserializeError(CheckE result) { return result >= eCheckNoDestination && result <= eCheckBadDataSize; }
 
 // Checks one whole packet in `packet`, exactly its bytes: framing as a
 // receiver with `maximumSize` sees it, then the fields as a packet's reader

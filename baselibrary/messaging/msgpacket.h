@@ -10,6 +10,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <memory>
+
 namespace Brevi {
 
 class MsgAddress;
@@ -90,9 +92,11 @@ private:
     Extent moBody;
     // The expanded text of a compressed body, or a view of the plain one.
     mutable QByteArray moText;
-    mutable XmlList moXml;
+    // Made on the first xml(): a document costs an allocation or two, and a
+    // router never asks.
+    mutable std::unique_ptr<XmlList> mpXml;
     mutable bool mbExpanded = false;
-    mutable bool mbParsed = false;
+    mutable bool mbUnreadable = false;
 };
 
 } // namespace Brevi

@@ -1,0 +1,160 @@
+#include "messaging/ipcpacketreceive.h"
+
+#include "core/byteorder.h"
+#include "core/trace.h"
+#include "messaging/datamsgpacket.h"
+#include "messaging/datapacket.h"
+#include "messaging/msgpacket.h"
+#include "sockets/tcpsocketdata.h"
+
+#include <boost/make_shared.hpp>
+
+#include <new>
+
+namespace Brevi {
+
+namespace {
+const unsigned TraceModule = TraceModuleMsgPacket;
+
+bool isPassing(TCPError error)
+{
+    return error == eTCPErrorWouldBlock || error == eTCPErrorInterrupted || error == eTCPErrorResource ||
+           error == eTCPErrorNoBuffers;
+}
+
+boost::shared_ptr<IpcPacket> packetFor(IpcTypeE type)
+{
+    switch (type) {
+    case eIpcTypeMessage:
+        return boost::make_shared<MsgPacket>();
+    case eIpcTypeData:
+        return boost::make_shared<DataPacket>();
+    case eIpcTypeDataMessage:
+        return boost::make_shared<DataMsgPacket>();
+    default:
+        return boost::shared_ptr<IpcPacket>();
+    }
+}
+} // namespace
+
+IpcPacketReceive::IpcPacketReceive() = default;
+
+IpcPacketReceive::IpcPacketReceive(const boost::shared_ptr<TCPSocketData>& socket) { setSocket(socket); }
+
+IpcPacketReceive::~IpcPacketReceive() = default;
+
+void IpcPacketReceive::setSocket(const boost::shared_ptr<TCPSocketData>& socket)
+{
+    mptPacket.reset();
+    moRemaining = Extent();
+    muiHeaderFill = 0;
+    muiMaximumSize = IpcPacketLayout::InitialMaximumSize;
+    mptSocket = socket;
+    mbValid = socket && socket->isValid();
+}
+
+bool IpcPacketReceive::available() const { return mptPacket && mptPacket->isReceived(); }
+
+boost::shared_ptr<IpcPacket> IpcPacketReceive::get(unsigned id)
+{
+    boost::shared_ptr<IpcPacket> packet;
+    if (!available())
+        return packet;
+    packet.swap(mptPacket);
+    packet->setId(id);
+    moRemaining = Extent();
+    muiHeaderFill = 0;
+    return packet;
+}
+
+IpcResult IpcPacketReceive::receive()
+{
+    if (!mbValid) {
+        BTRACE(TraceNormal) << "Attempt to receive on a failed connection";
+        return eIpcResultClosed;
+    }
+    if (available()) {
+        BTRACE(TraceNormal) << "Attempt to receive a message when one is pending";
+        return eIpcResultPending;
+    }
+    for (;;) {
+        if (!mptPacket) {
+            const unsigned got = mptSocket->recv(mcHeader + muiHeaderFill, IpcPacketLayout::HeaderSize - muiHeaderFill);
+            if (!got)
+                return readFailed(false);
+            muiHeaderFill += got;
+            if (muiHeaderFill < IpcPacketLayout::HeaderSize)
+                continue;
+            const IpcResult result = startPacket();
+            if (result != eIpcResultOk)
+                return result;
+        }
+        // The minimum size leaves at least one byte behind the header, so a
+        // packet is never complete before its body has been read.
+        const unsigned got = mptSocket->recv(moRemaining.at(), moRemaining.available());
+        if (!got)
+            return readFailed(true);
+        if (moRemaining.used(got) == 0) {
+            mptPacket->received();
+            muiHeaderFill = 0;
+            return eIpcResultOk;
+        }
+    }
+}
+
+IpcResult IpcPacketReceive::startPacket()
+{
+    const unsigned magic = ByteOrder::load32(mcHeader + IpcPacketLayout::MagicOffset);
+    const unsigned size = ByteOrder::load32(mcHeader + IpcPacketLayout::SizeOffset);
+    const Extent header(mcHeader, IpcPacketLayout::HeaderSize);
+    const IpcTypeE type = IpcPacketLayout::typeOf(magic);
+    if (type == eIpcTypeNone) {
+        BTRACE(TraceAlways) << "Bad magic" << hex << magic << header.hexDump();
+        fail();
+        return eIpcResultCorrupt;
+    }
+    if (size < IpcPacketLayout::MinimumSize) {
+        BTRACE(TraceAlways) << "Size" << size << "to small, min" << IpcPacketLayout::MinimumSize;
+        fail();
+        return eIpcResultTooSmall;
+    }
+    if (size > muiMaximumSize) {
+        BTRACE(TraceAlways) << "Size" << size << "to big, max" << muiMaximumSize;
+        fail();
+        return eIpcResultTooBig;
+    }
+    mptPacket = packetFor(type);
+    try {
+        moRemaining = mptPacket->buffer(header, size);
+    } catch (const std::bad_alloc&) {
+        BTRACE(TraceAlways) << "Size" << size << "to big, no memory for it";
+        fail();
+        return eIpcResultTooBig;
+    }
+    return eIpcResultOk;
+}
+
+IpcResult IpcPacketReceive::readFailed(bool inPacket)
+{
+    const TCPError error = mptSocket->lastError();
+    // A socket disabled elsewhere answers 0 with its last error unchanged;
+    // only a usable socket can be waited for.
+    if (mptSocket->isValid() && isPassing(error))
+        return eIpcResultAgain;
+    if (error == eTCPErrorClosed)
+        BREVI_TRACE(TraceModule, inPacket ? TraceAlways : TraceNormal) << "Socket has closed";
+    else
+        BTRACE(TraceAlways) << "Error reading socket" << error;
+    fail();
+    return eIpcResultClosed;
+}
+
+void IpcPacketReceive::fail()
+{
+    mbValid = false;
+    mptPacket.reset();
+    moRemaining = Extent();
+    muiHeaderFill = 0;
+}
+
+} // namespace Brevi
