@@ -116,7 +116,13 @@ SocketTest::SocketTest()
 {
     TracePosition start(true);
     action();
-    TraceDump dump(nullptr, &start, nullptr);
+    return tracedSince(start, level, text);
+}
+
+::testing::AssertionResult SocketTest::tracedSince(const TracePosition& start, TraceLevelE level, const QString& text)
+{
+    TracePosition from = start;
+    TraceDump dump(nullptr, &from, nullptr);
     auto failure = ::testing::AssertionFailure()
                    << "expected a line at level " << level << " with \"" << text.toStdString() << "\", got:";
     while (auto entry = dump.popEntry()) {

@@ -2,6 +2,7 @@
 #define TESTS_SOCKETS_SOCKETSTEST_H
 
 #include "core/trace.h"
+#include "core/traceposition.h"
 #include "sockets/netaddress.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
@@ -84,6 +85,11 @@ protected:
     // `text`; the failure lists what was written instead.
     ::testing::AssertionResult traces(const std::function<void()>& action, Brevi::TraceLevelE level,
                                       const QString& text);
+    // The same for the lines written since `start`. Reading the trace back
+    // needs descriptors (the sanitizers' runtime makes pipes), so a test that
+    // runs out of them on purpose reads afterwards.
+    ::testing::AssertionResult tracedSince(const Brevi::TracePosition& start, Brevi::TraceLevelE level,
+                                           const QString& text);
 
     Brevi::Trace moTrace;
 };

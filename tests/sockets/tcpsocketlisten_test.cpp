@@ -115,6 +115,9 @@ TEST_F(SocketTest, PortTakenAgainWhileItsConnectionsLive)
 TEST_F(SocketTest, OutOfDescriptorsDisablesTheListener)
 {
     TCPSocketListen listener("Listen", NetAddress(QHostAddress::LocalHost, 0), 5);
+    // Once through the paths of accept while descriptors are plentiful: the
+    // sanitizers' runtime needs some the first time it checks a call.
+    EXPECT_FALSE(listener.accept("Server", 0));
     TCPSocketData client("Client", listener.localAddress());
     ASSERT_TRUE(client.complete(5000));
     ASSERT_TRUE(readable(listener.socket(), 5000));
@@ -123,11 +126,13 @@ TEST_F(SocketTest, OutOfDescriptorsDisablesTheListener)
     ASSERT_GE(lowest, 0);
     ::close(lowest);
     boost::shared_ptr<TCPSocketData> server;
+    const TracePosition start(true);
     {
         FileLimit limit((unsigned long)(lowest));
         ASSERT_TRUE(limit.ok());
-        EXPECT_TRUE(traces([&] { server = listener.accept("Server", 1000); }, TraceAlways, "accept returned"));
+        server = listener.accept("Server", 1000);
     }
+    EXPECT_TRUE(tracedSince(start, TraceAlways, "accept returned"));
     EXPECT_FALSE(server);
     EXPECT_FALSE(listener);
     EXPECT_EQ(listener.lastError(), eTCPErrorTooManyFiles);
