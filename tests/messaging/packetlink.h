@@ -1,0 +1,170 @@
+#ifndef TESTS_MESSAGING_PACKETLINK_H
+#define TESTS_MESSAGING_PACKETLINK_H
+
+// Helpers of the packet tests: a connected loopback pair (port 0), waits that
+// always end, packets received from exact-size copies of their bytes, and a
+// fixture that can tell which lines the packet code traced.
+
+#include "core/trace.h"
+#include "core/tracedump.h"
+#include "core/traceposition.h"
+#include "messaging/binaryaddress.h"
+#include "messaging/ipcpacket.h"
+#include "messaging/ipcpacketreceive.h"
+#include "messaging/ipcpacketsend.h"
+#include "sockets/netaddress.h"
+#include "sockets/tcpsocketdata.h"
+#include "sockets/tcpsocketlisten.h"
+
+#include <QByteArray>
+#include <QHostAddress>
+#include <QString>
+
+#include <boost/shared_ptr.hpp>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <memory>
+
+#include <poll.h>
+
+namespace BreviTest {
+
+// Every wait of these tests ends by this time, in milliseconds.
+const int WaitLimit = 5000;
+
+struct PacketLink {
+    boost::shared_ptr<Brevi::TCPSocketListen> listener;
+    boost::shared_ptr<Brevi::TCPSocketData> client;
+    boost::shared_ptr<Brevi::TCPSocketData> server;
+    explicit operator bool() const { return client && server && *client && *server; }
+};
+
+inline PacketLink makePacketLink()
+{
+    using namespace Brevi;
+    PacketLink link;
+    link.listener.reset(new TCPSocketListen("Listen", NetAddress(QHostAddress::LocalHost, 0), 5));
+    if (!*link.listener)
+        return link;
+    link.client.reset(new TCPSocketData("Client", link.listener->localAddress()));
+    link.server = link.listener->accept("Server", WaitLimit);
+    if (!link.client->complete(WaitLimit))
+        link.server.reset();
+    return link;
+}
+
+// True when the socket became ready for `events` within `ms`.
+inline bool waitFor(const Brevi::TCPSocket& socket, short events, int ms = WaitLimit)
+{
+    pollfd entry = {socket.socket(), events, 0};
+    return ::poll(&entry, 1, ms) > 0;
+}
+
+inline int remainingOf(std::chrono::steady_clock::time_point deadline)
+{
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return left.count() > 0 ? int(left.count()) : 0;
+}
+
+// Receives until something other than eIpcResultAgain comes, waiting for the
+// socket in between; eIpcResultTimeout when the limit passes first.
+inline Brevi::IpcResult receiveWithin(Brevi::IpcPacketReceive& receiver, int ms = WaitLimit)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (;;) {
+        const Brevi::IpcResult result = receiver.receive();
+        if (result != Brevi::eIpcResultAgain)
+            return result;
+        if (!waitFor(*receiver.socket(), POLLIN, remainingOf(deadline)))
+            return Brevi::eIpcResultTimeout;
+    }
+}
+
+inline Brevi::IpcResult sendWithin(Brevi::IpcPacketSend& sender, int ms = WaitLimit)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (;;) {
+        const Brevi::IpcResult result = sender.send();
+        if (result != Brevi::eIpcResultAgain)
+            return result;
+        if (!waitFor(*sender.socket(), POLLOUT, remainingOf(deadline)))
+            return Brevi::eIpcResultTimeout;
+    }
+}
+
+// Writes all of `bytes` on a raw socket, waiting while it is full.
+inline bool writeAll(Brevi::TCPSocketData& socket, const QByteArray& bytes)
+{
+    unsigned at = 0;
+    while (at < unsigned(bytes.size())) {
+        const unsigned sent = socket.send(bytes.constData() + at, unsigned(bytes.size()) - at);
+        if (!sent && !waitFor(socket, POLLOUT))
+            return false;
+        at += sent;
+    }
+    return true;
+}
+
+// A packet's bytes as a QByteArray of their own.
+inline QByteArray bytesOf(const Brevi::IpcPacket& packet)
+{
+    const Brevi::Extent bytes = packet.buffer();
+    return QByteArray(reinterpret_cast<const char*>(bytes.data()), int(bytes.size()));
+}
+
+// Delivers `bytes` to a new packet of class P the way IpcPacketReceive does,
+// from a block of exactly their size.
+template <typename P>
+boost::shared_ptr<P> receivedFrom(const QByteArray& bytes)
+{
+    std::unique_ptr<unsigned char[]> copy(new unsigned char[size_t(bytes.size())]);
+    std::memcpy(copy.get(), bytes.constData(), size_t(bytes.size()));
+    boost::shared_ptr<P> packet(new P);
+    const unsigned head = std::min(unsigned(bytes.size()), 8u);
+    Brevi::Extent rest = packet->buffer(Brevi::Extent(copy.get(), head), unsigned(bytes.size()));
+    rest.put(copy.get() + head, unsigned(bytes.size()) - head);
+    packet->received();
+    return packet;
+}
+
+inline Brevi::BinaryAddress address(const char* text) { return Brevi::BinaryAddress(Brevi::Extent(QByteArray(text))); }
+
+// Keeps a Trace on the test's thread with the packet modules at full detail.
+class PacketTest : public ::testing::Test
+{
+protected:
+    PacketTest()
+    {
+        Brevi::Trace::setLevel(Brevi::TraceDebug, Brevi::TraceModuleMsgPacket);
+        Brevi::Trace::setLevel(Brevi::TraceDebug, Brevi::TraceModuleDataPacket);
+    }
+
+    // Success when `action` wrote a line at `level` holding `text`; the
+    // failure lists what was written instead.
+    ::testing::AssertionResult traces(const std::function<void()>& action, Brevi::TraceLevelE level,
+                                      const QString& text)
+    {
+        Brevi::TracePosition start(true);
+        action();
+        Brevi::TraceDump dump(nullptr, &start, nullptr);
+        auto failure = ::testing::AssertionFailure()
+                       << "expected a line at level " << level << " with \"" << text.toStdString() << "\", got:";
+        while (auto entry = dump.popEntry()) {
+            if (entry->getLevel() == level && entry->getMessage().contains(text))
+                return ::testing::AssertionSuccess();
+            failure << "\n  [" << entry->getLevel() << "] " << entry->getMessage().toStdString();
+        }
+        return failure;
+    }
+
+    Brevi::Trace moTrace;
+};
+
+} // namespace BreviTest
+
+#endif
