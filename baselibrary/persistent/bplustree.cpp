@@ -218,6 +218,7 @@ bool BPlusTree::begin(const char* operation)
 
 void BPlusTree::finishOperation(bool writeRoot)
 {
+    BTRACE(TraceDebug) << "NodeHash" << unsigned(moNodeHash.size());
     mpoNode.reset();
     releaseNodes();
     const NodePtr& root = mptBody->mptRoot;
