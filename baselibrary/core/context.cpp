@@ -5,11 +5,14 @@
 #include "core/traceerrorcode.h"
 #include "core/tracefilter.h"
 #include "core/traceprofile.h"
+#include "messaging/messaging.h"
+#include "messaging/msg.h"
 
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 
+#include <boost/make_shared.hpp>
 #include <boost/thread/thread.hpp>
 
 #include <mutex>
@@ -209,7 +212,12 @@ Context::~Context()
 {
     if (muiId == 1)
         BTRACE(TraceNormal) << "Shutdown any timer";
-    mptMessaging.reset();
+    if (mptMessaging) {
+        // On this thread, while it is still this context's: only the owner
+        // may release.
+        mptMessaging->release();
+        mptMessaging.reset();
+    }
     BTRACE(TraceNormal) << "Disable trace";
     moTrace.disable();
     if (Trace::object() == &moTrace)
@@ -220,8 +228,8 @@ Context::~Context()
 
 boost::shared_ptr<Messaging> Context::createStandaloneMessaging()
 {
-    // The messaging layer is not part of this build yet.
-    return boost::shared_ptr<Messaging>();
+    boost::shared_ptr<Messaging> messaging = boost::make_shared<Messaging>(muiId);
+    return messaging->valid() ? messaging : boost::shared_ptr<Messaging>();
 }
 
 boost::shared_ptr<Messaging> Context::createAttachedMessaging(Type, unsigned)
@@ -292,6 +300,91 @@ SecurityAttributes* Context::security() { return threadContext ? &threadContext-
 boost::shared_ptr<Messaging> Context::messaging()
 {
     return threadContext ? threadContext->mptMessaging : boost::shared_ptr<Messaging>();
+}
+
+// ---------------------------------------------------------------------------
+// The thread's messaging, for the messaging classes
+
+Messaging* Context::messagingObject() { return threadContext ? threadContext->mptMessaging.get() : nullptr; }
+
+bool Context::msgSend(const Msg& message, bool flush)
+{
+    Messaging* messaging = messagingObject();
+    return messaging && messaging->send(message, flush);
+}
+
+bool Context::msgSendOnce(const Msg& message)
+{
+    Messaging* messaging = messagingObject();
+    return messaging && messaging->sendOnce(message);
+}
+
+bool Context::msgFlush()
+{
+    Messaging* messaging = messagingObject();
+    IpcResult result = eIpcResultOk;
+    return messaging && messaging->flush(result);
+}
+
+Msg Context::msgReceive(IpcResult& result, qint64 ms)
+{
+    Messaging* messaging = messagingObject();
+    if (!messaging) {
+        result = eIpcResultClosed;
+        return Msg::invalid(eMsgResultIpcError);
+    }
+    return messaging->receive(result, ms);
+}
+
+int Context::msgSocket()
+{
+    Messaging* messaging = messagingObject();
+    return messaging ? messaging->socket() : -1;
+}
+
+bool Context::msgAddAuthorization(const QString& name, const Authorization& authorization)
+{
+    Messaging* messaging = messagingObject();
+    return messaging && messaging->addAuthorization(name, authorization);
+}
+
+bool Context::msgRemoveAuthorization(const QString& name, const Authorization& authorization)
+{
+    Messaging* messaging = messagingObject();
+    return messaging && messaging->removeAuthorization(name, authorization);
+}
+
+bool Context::msgHandlerAdd(const QString& name, const MsgHandlerPointer& handler)
+{
+    Messaging* messaging = messagingObject();
+    return messaging && messaging->addWaitHandler(name, QByteArray(), handler);
+}
+
+bool Context::msgHandlerAdd(const QString& name, const QByteArray& authorization, const MsgHandlerPointer& handler)
+{
+    Messaging* messaging = messagingObject();
+    return messaging && messaging->addWaitHandler(name, authorization, handler);
+}
+
+bool Context::msgHandlerRemove(const QString& name, const MsgHandlerPointer& handler)
+{
+    Messaging* messaging = messagingObject();
+    return messaging && messaging->removeWaitHandler(name, handler);
+}
+
+bool Context::msgSetUI()
+{
+    Messaging* messaging = messagingObject();
+    if (!messaging)
+        return false;
+    messaging->setUI();
+    return true;
+}
+
+QList<MsgHandlerListEntry> Context::msgHandlers(const Msg& message)
+{
+    Messaging* messaging = messagingObject();
+    return messaging ? messaging->waitHandlers(message) : QList<MsgHandlerListEntry>();
 }
 
 const MsgAddress& Context::address() { return threadContext ? threadContext->moAddress : emptyAddress(); }

@@ -6,15 +6,24 @@
 #include "core/operatorboolgenerator.h"
 #include "core/sharedmemoryuser.h"
 #include "core/trace.h"
+#include "messaging/ipcresult.h"
 #include "messaging/msgaddress.h"
+#include "messaging/msghandlerlistentry.h"
 
+#include <QList>
 #include <QString>
 
 #include <boost/shared_ptr.hpp>
 
 namespace Brevi {
 
+class Authorization;
+class ManageMsgHandlers;
 class Messaging;
+class Msg;
+class MsgHandler;
+class MsgHandlerStandalone;
+class MsgPending;
 
 // Attributes given to what a process creates for others to open (shared
 // memory, semaphores, files): owner read and write; root can always open them.
@@ -130,6 +139,31 @@ public:
     Context& operator=(const Context&) = delete;
 
 private:
+    // The messaging classes reach the thread's Messaging through these.
+    friend class ManageMsgHandlers;
+    friend class Messaging;
+    friend class Msg;
+    friend class MsgHandler;
+    friend class MsgHandlerStandalone;
+    friend class MsgPending;
+
+    // The thread's Messaging without taking a reference; null without one.
+    static Messaging* messagingObject();
+    // Each forwards to the thread's Messaging; without one the answer is
+    // false, the invalid Msg (eMsgResultIpcError), an empty list or -1.
+    static bool msgSend(const Msg& message, bool flush);
+    static bool msgSendOnce(const Msg& message);
+    static bool msgFlush();
+    static Msg msgReceive(IpcResult& result, qint64 ms);
+    static int msgSocket();
+    static bool msgAddAuthorization(const QString& name, const Authorization& authorization);
+    static bool msgRemoveAuthorization(const QString& name, const Authorization& authorization);
+    static bool msgHandlerAdd(const QString& name, const MsgHandlerPointer& handler);
+    static bool msgHandlerAdd(const QString& name, const QByteArray& authorization, const MsgHandlerPointer& handler);
+    static bool msgHandlerRemove(const QString& name, const MsgHandlerPointer& handler);
+    static bool msgSetUI();
+    static QList<MsgHandlerListEntry> msgHandlers(const Msg& message);
+
     // Built by doRun, and by the library's own worker threads.
     Context(Type type, unsigned flags, const QString& title, const QString& name, const QString& group);
 

@@ -75,6 +75,8 @@ public:
 
     // The invalid message, lastError eMsgResultOk.
     Msg();
+    // The invalid message with `lastError`: how the layers below report.
+    static Msg invalid(MsgResult lastError);
     // To `destination`, from the address by which it can answer this
     // context (none for the Hub, which knows the other end of its link).
     // No authorization. Invalid (eMsgResultInvalidArgs) for an invalid

@@ -1,0 +1,451 @@
+// Messaging between threads of one process: a worker with a context of its
+// own connects to its parent, answers requests, is disconnected, fails; once
+// posts, queues that are released under a sender, releases from a foreign
+// thread, the log proxy's bit bucket, and the pieces a long wait sleeps in.
+
+#include "core/context.h"
+#include "messaging/managemsghandlers.h"
+#include "messaging/messaging.h"
+#include "messaging/msg.h"
+#include "messaging/msgcatalogue.h"
+
+#include "testhome.h"
+#include "threadcontexts.h"
+
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+using namespace Brevi;
+using namespace BreviTest;
+
+namespace {
+
+const QString Connected = Catalogue::MsgConnectedPost::Message;
+const QString Disconnected = Catalogue::MsgDisconnectedPost::Message;
+
+// What the parent and its worker share; each test starts it afresh.
+struct Link {
+    static boost::shared_ptr<Messaging> parent;
+    static boost::shared_ptr<Messaging> worker;
+    static MsgAddress workerAddress;
+    static std::atomic<int> workerResult;
+    static std::atomic<int> ticks;
+    static std::atomic<int> others;
+    static Gate ready;
+    static Gate go;
+    static Gate done;
+
+    static void reset()
+    {
+        parent.reset();
+        worker.reset();
+        workerAddress = MsgAddress();
+        workerResult = eMsgResultUnknown;
+        ticks = 0;
+        others = 0;
+        ready.reset();
+        go.reset();
+        done.reset();
+    }
+};
+boost::shared_ptr<Messaging> Link::parent;
+boost::shared_ptr<Messaging> Link::worker;
+MsgAddress Link::workerAddress;
+std::atomic<int> Link::workerResult{eMsgResultUnknown};
+std::atomic<int> Link::ticks{0};
+std::atomic<int> Link::others{0};
+Gate Link::ready;
+Gate Link::go;
+Gate Link::done;
+
+// Connects the calling worker to the parent: the parent's address, or the
+// invalid one.
+MsgAddress connectToParent(const QString& cookie)
+{
+    Link::worker = Context::messaging();
+    Link::workerAddress = Context::address();
+    return Context::messaging()->connect(Link::parent, cookie, 0);
+}
+
+// Answers EchoRequest with the same body until the parent disconnects.
+void echoWorker()
+{
+    const MsgAddress parent = connectToParent("job 1");
+    if (!parent)
+        return;
+    ManageMsgHandlers handlers;
+    handlers.add("EchoRequest", handler([](const Msg& request) {
+                     return request.reply("EchoReply", request.body()) ? eMsgResultHandled : eMsgResultFailed;
+                 }));
+    handlers.add(Disconnected, handler([parent](const Msg& message) {
+                     Context::messaging()->disconnect(parent, QString());
+                     return message.getCookie() == "job 1" ? eMsgResultExit : eMsgResultFailed;
+                 }));
+    Link::workerResult = Msg::wait(30);
+}
+
+// The parent's side of a connection: the worker's address from its
+// MsgConnectedPost.
+MsgAddress awaitWorker(const QString& cookie)
+{
+    const Msg connected = Msg::wait(Connected, 10);
+    EXPECT_TRUE(connected) << "lastError " << connected.lastError();
+    EXPECT_EQ(connected.getCookie(), cookie);
+    return connected.source();
+}
+
+bool echoes(const MsgAddress& worker, int value)
+{
+    Msg request(worker, "EchoRequest");
+    request.set("Value", value);
+    request.setCookie(QStringLiteral("cookie %1").arg(value));
+    if (!request.send())
+        return false;
+    const Msg reply = Msg::wait("EchoReply", worker, 10);
+    return reply && reply.getCookie() == request.getCookie() && reply.get("Value", -1) == value;
+}
+
+} // namespace
+
+TEST(MessagingThreads, AWorkerConnectsAnswersWithCookiesAndIsDisconnected)
+{
+    TestHome home;
+    Link::reset();
+    ASSERT_TRUE(runStandalone(
+        [] {
+            Link::parent = Context::messaging();
+            WorkerThread worker(echoWorker, "Echo");
+            const MsgAddress address = awaitWorker("job 1");
+            ASSERT_TRUE(address);
+            EXPECT_EQ(address.type(), eMsgAddressContext);
+            EXPECT_EQ(address, Link::workerAddress);
+            EXPECT_TRUE(Link::parent->isConnected(address));
+
+            for (int i = 0; i < 100; ++i)
+                ASSERT_TRUE(echoes(address, i)) << "round " << i;
+
+            EXPECT_TRUE(Link::parent->disconnect(address, "job 1"));
+            worker.join();
+            EXPECT_EQ(Link::workerResult, eMsgResultExit);
+            EXPECT_FALSE(Link::parent->isConnected(address));
+            EXPECT_FALSE(Msg(address, "EchoRequest").send()) << "nothing is left to carry it";
+            Link::reset();
+        },
+        "Parent"));
+}
+
+TEST(MessagingThreads, TheParentHearsOfAWorkerThatFailed)
+{
+    TestHome home;
+    Link::reset();
+    ASSERT_TRUE(runStandalone(
+        [] {
+            Link::parent = Context::messaging();
+            const QStringList answers{Connected, Disconnected};
+            {
+                // A worker whose context does not come up says so.
+                std::thread broken([] {
+                    if (!Context::run([] {}, Context::TypeInvalid, 0, "Broken"))
+                        Link::parent->failed("job 2");
+                });
+                broken.join();
+                const Msg answer = Msg::wait(answers, 10);
+                ASSERT_TRUE(answer);
+                EXPECT_EQ(answer.name(), Disconnected);
+                EXPECT_EQ(answer.getCookie(), "job 2");
+                EXPECT_EQ(answer.source(), Context::address());
+            }
+            {
+                // A connection that fails tells the other side itself.
+                WorkerThread twice(
+                    [] {
+                        EXPECT_TRUE(connectToParent("first"));
+                        EXPECT_FALSE(Context::messaging()->connect(Link::parent, "second", 0)) << "already connected";
+                    },
+                    "Twice");
+                EXPECT_EQ(Msg::wait(answers, 10).getCookie(), "first");
+                const Msg failed = Msg::wait(answers, 10);
+                EXPECT_EQ(failed.name(), Disconnected);
+                EXPECT_EQ(failed.getCookie(), "second");
+            }
+            EXPECT_FALSE(Link::parent->connect(boost::shared_ptr<Messaging>(), "none", 0));
+            EXPECT_FALSE(Link::parent->connect(Link::parent, "self", 0));
+            Link::reset();
+        },
+        "Parent"));
+}
+
+TEST(MessagingThreads, SendOnceCollapsesRepeatsThatStillWait)
+{
+    TestHome home;
+    Link::reset();
+    ASSERT_TRUE(runStandalone(
+        [] {
+            Link::parent = Context::messaging();
+            WorkerThread worker(
+                [] {
+                    ManageMsgHandlers handlers;
+                    handlers.add("TickPost", handler([](const Msg&) { return ++Link::ticks, eMsgResultHandled; }));
+                    handlers.add("OtherPost", handler([](const Msg&) { return ++Link::others, eMsgResultHandled; }));
+                    if (!connectToParent("once"))
+                        return;
+                    // Nothing is taken out of the queue until the parent has sent.
+                    Link::go.wait();
+                    Msg::wait(0);
+                    Link::done.open();
+                },
+                "Once");
+            const MsgAddress address = awaitWorker("once");
+            ASSERT_TRUE(address);
+            for (int i = 0; i < 3; ++i)
+                EXPECT_TRUE(Msg(address, "TickPost").sendOnce());
+            EXPECT_TRUE(Msg(address, "OtherPost").sendOnce());
+            EXPECT_TRUE(Msg(address, "OtherPost").send()) << "a plain send is never collapsed";
+            EXPECT_FALSE(Msg(MsgAddress(eMsgAddressContext, 99), "TickPost").sendOnce())
+                << "once posts go only to connected contexts";
+            Link::go.open();
+            ASSERT_TRUE(Link::done.wait());
+            EXPECT_EQ(Link::ticks, 1);
+            EXPECT_EQ(Link::others, 2);
+            worker.join();
+            Link::reset();
+        },
+        "Parent"));
+}
+
+TEST(MessagingThreads, AReleasedQueueFailsTheNextSendAndItsEntryGoes)
+{
+    TestHome home;
+    Link::reset();
+    ASSERT_TRUE(runStandalone(
+        [] {
+            Link::parent = Context::messaging();
+            WorkerThread worker(
+                [] {
+                    if (!connectToParent("release"))
+                        return;
+                    Context::messaging()->release();
+                    Link::ready.open();
+                    Link::go.wait();
+                },
+                "Released");
+            const MsgAddress address = awaitWorker("release");
+            ASSERT_TRUE(Link::ready.wait());
+            EXPECT_TRUE(Link::parent->isConnected(address));
+            EXPECT_FALSE(Msg(address, "AnyPost").send());
+            EXPECT_FALSE(Link::parent->isConnected(address)) << "the failed queue is forgotten";
+            EXPECT_FALSE(Msg(address, "AnyPost").send()) << "and the next send has no way to go";
+            EXPECT_FALSE(Link::worker->valid());
+            EXPECT_FALSE(Link::worker->connect(Link::parent, "again", 0)) << "a released messaging connects nowhere";
+            Link::go.open();
+            worker.join();
+
+            // A worker that ended took its queue with it.
+            WorkerThread gone([] { connectToParent("gone"); }, "Gone");
+            const MsgAddress goneAddress = awaitWorker("gone");
+            gone.join();
+            EXPECT_FALSE(Msg(goneAddress, "AnyPost").send());
+            EXPECT_FALSE(Link::parent->isConnected(goneAddress));
+            Link::reset();
+        },
+        "Parent"));
+}
+
+TEST(MessagingThreads, AForeignThreadsReleaseChangesNothing)
+{
+    TestHome home;
+    Link::reset();
+    ASSERT_TRUE(runStandalone(
+        [] {
+            Link::parent = Context::messaging();
+            WorkerThread worker(echoWorker, "Echo");
+            const MsgAddress address = awaitWorker("job 1");
+            ASSERT_TRUE(address);
+
+            const TracePosition start(true);
+            Link::worker->release();
+            EXPECT_TRUE(tracedSince(start).filter("is not allowed to disable messaging for context").size() == 1)
+                << tracedSince(start).join('\n').toStdString();
+            EXPECT_TRUE(Link::worker->valid());
+            EXPECT_FALSE(Link::worker->isDisabled());
+            EXPECT_TRUE(echoes(address, 7)) << "the worker still answers";
+
+            EXPECT_TRUE(Link::parent->disconnect(address, "job 1"));
+            worker.join();
+            EXPECT_EQ(Link::workerResult, eMsgResultExit);
+            Link::reset();
+        },
+        "Parent"));
+}
+
+TEST(MessagingThreads, AThreadsLogMessagesWithoutALogProxyGoToTheBitBucket)
+{
+    TestHome home;
+    Link::reset();
+    ASSERT_TRUE(runStandalone(
+        [] {
+            Link::parent = Context::messaging();
+            WorkerThread worker(
+                [] {
+                    const MsgAddress parent = connectToParent("log");
+                    Msg(parent, Catalogue::LogDaemonLocalWriteLog::Message).send();
+                    Msg(parent, "AfterPost").send();
+                },
+                "Logger");
+            awaitWorker("log");
+            worker.join();
+            const TracePosition start(true);
+            IpcResult result = eIpcResultClosed;
+            const Msg next = Link::parent->receive(result, 5000);
+            EXPECT_EQ(next.name(), "AfterPost") << "the log message is taken, not returned";
+            EXPECT_EQ(result, eIpcResultOk);
+            EXPECT_FALSE(Link::parent->loggingAddress());
+            EXPECT_TRUE(tracedSince(start).filter("Give proxy log message to the bit bucket").size() == 1);
+            Link::reset();
+        },
+        "Parent"));
+}
+
+// A long wait sleeps 300,000 ms at a time while more than 600,000 are left,
+// then half of what is left down to 2,000. Waits that a thread's message
+// ends show the first pieces without sleeping them: a log message of a thread
+// wakes the wait without ending it, and the wait goes on with a new piece.
+TEST(MessagingThreads, ALongWaitSleepsInPiecesThatHalve)
+{
+    TestHome home;
+    Link::reset();
+    ASSERT_TRUE(runStandalone(
+        [] {
+            Link::parent = Context::messaging();
+            WorkerThread worker(
+                [] {
+                    const MsgAddress parent = connectToParent("pieces");
+                    for (int round = 0; round < 4; ++round) {
+                        if (!Link::go.wait())
+                            return;
+                        Link::go.reset();
+                        Context::sleep(100);
+                        Msg(parent, Catalogue::LogDaemonLocalWriteLog::Message).send();
+                        Context::sleep(100);
+                        Msg(parent, "EndPost").send();
+                    }
+                },
+                "Waker");
+            awaitWorker("pieces");
+
+            const QRegularExpression piece("^Wait (\\d+) msec for message$");
+            for (const qint64 limit : {900000, 600000, 500000, 3000}) {
+                const TracePosition start(true);
+                Link::go.open();
+                IpcResult result = eIpcResultClosed;
+                const Msg end = Link::parent->receive(result, limit);
+                ASSERT_EQ(end.name(), "EndPost") << limit;
+                QList<qint64> pieces;
+                for (const QString& line : tracedSince(start)) {
+                    const QRegularExpressionMatch match = piece.match(line);
+                    if (match.hasMatch())
+                        pieces << match.captured(1).toLongLong();
+                }
+                ASSERT_EQ(pieces.size(), 2) << limit << ": one piece, then another after the log message";
+                if (limit == 900000) {
+                    EXPECT_EQ(pieces[0], 300000);
+                    EXPECT_EQ(pieces[1], 300000) << "still more than 600,000 left";
+                } else if (limit == 600000) {
+                    EXPECT_EQ(pieces[0], 300000) << "half of 600,000";
+                    EXPECT_GT(pieces[1], 299000);
+                    EXPECT_LT(pieces[1], 300000);
+                } else if (limit == 500000) {
+                    EXPECT_EQ(pieces[0], 250000);
+                    EXPECT_LT(pieces[1], 250000);
+                } else {
+                    EXPECT_EQ(pieces[0], 1500);
+                    EXPECT_GE(pieces[1], 1300) << "half of what was left after about 100 ms";
+                    EXPECT_LT(pieces[1], 1500);
+                }
+            }
+            worker.join();
+            Link::reset();
+        },
+        "Parent"));
+}
+
+// A messaging that failed or was released: every call fails at once, also a
+// wait without limit.
+TEST(MessagingFailures, DisabledMessagingFailsCleanly)
+{
+    TestHome home;
+    const auto checkDisabled = [](Messaging& messaging) {
+        IpcResult result = eIpcResultOk;
+        EXPECT_FALSE(messaging.valid());
+        EXPECT_FALSE(messaging.send(Msg(MsgAddress(eMsgAddressContext, 5), "AnyPost")));
+        EXPECT_FALSE(messaging.sendOnce(Msg(MsgAddress(eMsgAddressContext, 5), "AnyPost")));
+        const Msg none = messaging.receive(result, -1);
+        EXPECT_FALSE(none);
+        EXPECT_EQ(none.lastError(), eMsgResultIpcError);
+        EXPECT_EQ(result, eIpcResultClosed);
+        EXPECT_EQ(messaging.socket(), -1);
+        EXPECT_FALSE(messaging.flush(result));
+        EXPECT_EQ(messaging.nap(10), eIpcResultClosed);
+        EXPECT_FALSE(messaging.failed("cookie"));
+        EXPECT_FALSE(messaging.haveStandaloneContexts());
+        EXPECT_EQ(messaging.dataAvailable(QList<unsigned>{1}, -1), eIpcResultClosed);
+        EXPECT_FALSE(messaging.receiveData(result, 1, -1));
+        unsigned acks = 0;
+        EXPECT_FALSE(messaging.availableAcks(acks, 1));
+        EXPECT_FALSE(messaging.enableConnection());
+    };
+
+    Messaging plain;
+    checkDisabled(plain);
+    EXPECT_FALSE(plain.address());
+
+    MachineName machine;
+    Messaging attached(machine, 1, Context::TypeAttached, 0, "Attached", QString(), QString());
+    checkDisabled(attached);
+
+    ASSERT_TRUE(runStandalone(
+        [] {
+            const boost::shared_ptr<Messaging> messaging = Context::messaging();
+            ASSERT_TRUE(messaging);
+            EXPECT_TRUE(messaging->valid());
+            EXPECT_EQ(messaging->address(), MsgAddress(eMsgAddressContext, Context::id()));
+            EXPECT_EQ(messaging->physicalAddress(), messaging->address());
+            EXPECT_FALSE(messaging->parentAddress());
+            EXPECT_EQ(Msg::socket(), -1);
+            EXPECT_FALSE(messaging->enableConnection()) << "a standalone context has no Hub to ask";
+            messaging->release();
+            EXPECT_TRUE(messaging->isDisabled());
+            EXPECT_FALSE(Msg(Context::address(), "LoopPost").send());
+            const Msg none = Msg::wait("LoopPost", -1);
+            EXPECT_FALSE(none);
+            EXPECT_EQ(none.lastError(), eMsgResultIpcError) << "no wait for ever on a released messaging";
+            EXPECT_EQ(Msg::wait(-1), eMsgResultIpcError);
+        },
+        "Released"));
+
+    // A thread without a context has no messaging at all.
+    std::thread bare([] {
+        EXPECT_FALSE(Msg(MsgAddress(eMsgAddressContext, 1), "AnyPost").send());
+        EXPECT_EQ(Msg::wait("AnyPost", -1).lastError(), eMsgResultIpcError);
+        EXPECT_EQ(Msg::receive(-1).lastError(), eMsgResultIpcError);
+        EXPECT_FALSE(Msg::addHandler("AnyPost", handler([](const Msg&) { return eMsgResultHandled; })));
+        EXPECT_EQ(Msg::socket(), -1);
+        EXPECT_FALSE(Msg::flush());
+    });
+    bare.join();
+}
+
+TEST(MessagingFailures, StandaloneContextComesUpAndGoesDownInOrder)
+{
+    TestHome home;
+    static boost::shared_ptr<Messaging> kept;
+    ASSERT_TRUE(runStandalone([] { kept = Context::messaging(); }, "Standalone"));
+    ASSERT_TRUE(kept);
+    EXPECT_TRUE(kept->isDisabled()) << "the context released its messaging on the way out";
+    EXPECT_FALSE(kept->valid());
+    kept.reset();
+    EXPECT_FALSE(Context::messaging());
+}
