@@ -3,13 +3,8 @@
 
 #include "core/trace.h"
 #include "core/traceposition.h"
-#include "sockets/netaddress.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
-
-#include <QString>
-
-#include <boost/shared_ptr.hpp>
 
 #include <gtest/gtest.h>
 
@@ -18,37 +13,20 @@
 #include <ostream>
 
 namespace Brevi {
-// So that a failed expectation on a result shows its name.
+// A failed expectation on a result shows its name.
 void PrintTo(TCPError error, std::ostream* out);
 } // namespace Brevi
 
 namespace BreviTest {
 
-// Milliseconds of the monotonic clock.
 long long monotonicMs();
-
 // Success when `socket` is valid; the failure shows its lastError.
 ::testing::AssertionResult isUsable(const Brevi::TCPSocket& socket);
-
-// True when `handle` became readable within `ms` (a reset or an end of
-// stream counts).
+// True when `handle` became readable (data, an end, a reset) within `ms`.
 bool readable(int handle, int ms);
-
-// A loopback port that is bound but not listened on: a connect to it is
-// refused, and no one else can take the port while this lives.
-class RefusingPort
-{
-public:
-    RefusingPort();
-    ~RefusingPort();
-    RefusingPort(const RefusingPort&) = delete;
-    RefusingPort& operator=(const RefusingPort&) = delete;
-    const Brevi::NetAddress& address() const { return moAddress; }
-
-private:
-    int miHandle = -1;
-    Brevi::NetAddress moAddress;
-};
+// The address of a loopback port that is bound and not listened on, held for
+// the test's lifetime: a connect to it is refused.
+Brevi::NetAddress refusingPort();
 
 // Sets the soft limit of open descriptors for its lifetime.
 class FileLimit
@@ -56,8 +34,6 @@ class FileLimit
 public:
     explicit FileLimit(unsigned long soft);
     ~FileLimit();
-    FileLimit(const FileLimit&) = delete;
-    FileLimit& operator=(const FileLimit&) = delete;
     bool ok() const { return mbOk; }
 
 private:
@@ -65,8 +41,8 @@ private:
     bool mbOk = false;
 };
 
-// A listener on the loopback address, a client connected to it, and the
-// server's end of that connection, all made with bounded waits.
+// A loopback listener, a client connected to it and the server's end, made
+// with bounded waits; `server` is null if that failed.
 struct Link {
     std::unique_ptr<Brevi::TCPSocketListen> listener;
     std::unique_ptr<Brevi::TCPSocketData> client;
@@ -74,22 +50,20 @@ struct Link {
 };
 Link makeLink();
 
-// A fixture that owns a Trace on the test's thread with the socket modules at
-// full detail, so that the lines an operation writes can be checked.
+// Owns a Trace on the test's thread with the socket modules at full detail.
 class SocketTest : public ::testing::Test
 {
 protected:
     SocketTest();
 
-    // Success when `action` wrote a line at `level` or below that holds
-    // `text`; the failure lists what was written instead.
+    // Success when `action` wrote a line at `level` or below holding `text`;
+    // the failure lists what was written instead.
     ::testing::AssertionResult traces(const std::function<void()>& action, Brevi::TraceLevelE level,
                                       const QString& text);
-    // The same for the lines written since `start`. Reading the trace back
-    // needs descriptors (the sanitizers' runtime makes pipes), so a test that
-    // runs out of them on purpose reads afterwards.
-    ::testing::AssertionResult tracedSince(const Brevi::TracePosition& start, Brevi::TraceLevelE level,
-                                           const QString& text);
+    // The same for the lines since `start`. Reading the trace needs
+    // descriptors (the sanitizers' runtime makes pipes): a test that runs out
+    // of them on purpose reads afterwards.
+    ::testing::AssertionResult tracedSince(Brevi::TracePosition start, Brevi::TraceLevelE level, const QString& text);
 
     Brevi::Trace moTrace;
 };
