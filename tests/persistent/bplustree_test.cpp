@@ -667,6 +667,14 @@ TEST_F(BPlusTreeTest, HeaderWithoutRootIsRefused)
     const BPlusTreeReport report = check();
     EXPECT_FALSE(report.sound());
     EXPECT_EQ(report.rootId, 0u);
+
+    // A root beyond the end of the file: the block file says so.
+    const quint64 far = 1u << 30;
+    writeBytes("tree", 512, &far, sizeof far);
+    EXPECT_FALSE(tree.open(path("tree")));
+    EXPECT_EQ(tree.lastError(), BPlusTree::eFileError);
+    EXPECT_TRUE(traced("not in file"));
+    EXPECT_FALSE(check().sound());
 }
 
 TEST_F(BPlusTreeTest, DamagedNodesFailTheOperationNotTheProcess)
