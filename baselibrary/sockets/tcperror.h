@@ -46,7 +46,7 @@ enum TCPError {
 };
 
 // How a data socket is shut down; the values are the system's own plus one.
-enum TCPShutdownType { eTCPShutdownReceive = 1, eTCPShutdownSend = 2, eTCPShutdownBoth = 3 };
+enum TCPShutdownType : int { eTCPShutdownReceive = 1, eTCPShutdownSend = 2, eTCPShutdownBoth = 3 };
 
 // The enumerator's name ("eTCPErrorWouldBlock"); a value out of range as its
 // number.

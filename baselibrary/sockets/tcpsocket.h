@@ -58,8 +58,8 @@ public:
     // The result of the last failed operation (or eTCPErrorNone after a
     // connect completed).
     TCPError lastError() const { return meLastError; }
-    // The address the socket is bound to; for a connected data socket the
-    // address the connection leaves from.
+    // The address the socket is bound to; for a data socket, from the start
+    // of its connect, the interface and port the connection leaves from.
     const NetAddress& localAddress() const { return moLocalAddress; }
 
     // True from a successful set-up until `close` or `disable`.

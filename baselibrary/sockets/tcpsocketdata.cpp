@@ -73,6 +73,9 @@ bool TCPSocketData::initialize(const NetAddress& remote)
     const int error = errno;
     if (error == EINPROGRESS || error == EAGAIN) {
         setLastError(eTCPErrorWouldBlock);
+        // The way out is chosen when the connect begins: a peer that accepts
+        // can already be matched against this end.
+        refreshLocalAddress();
         BTRACE(TraceDebug) << "OUT:initialize , connecting" << *this << "to" << remote;
         return true;
     }
@@ -86,7 +89,7 @@ void TCPSocketData::connectedNow()
 {
     mbConnected = true;
     setLastError(eTCPErrorNone);
-    // Bound to the any-address, the socket learns its interface only now.
+    // Bound to the any-address, the socket names its real end once connected.
     refreshLocalAddress();
 }
 

@@ -34,7 +34,7 @@ class BREVI_EXPORT TCPSocketPoll
 {
 public:
     // What to wait for. The order and the texts that Trace shows are fixed.
-    enum TypeE {
+    enum TypeE : int {
         // "Accept": a connection waits on a listener (reading).
         Accept = 0,
         // "Connect": a connect has ended (writing, or an error).

@@ -51,7 +51,7 @@ class BREVI_EXPORT TCPSocketSelect
 public:
     // Which sets an operation concerns. The order and the texts that Trace
     // shows are fixed.
-    enum TypeE {
+    enum TypeE : int {
         // "All": set adds to all three sets, clear removes from all three,
         // isSet asks whether in any.
         All = 0,
