@@ -33,7 +33,8 @@ class Node;
 // Every operation reaches the file before it returns: the block file is
 // write-through, so the file is whole whenever the process stops between
 // operations. Between operations the tree holds only its header block and its
-// root node.
+// root node; once the root has changed, every later insert, update and remove
+// writes it again.
 //
 // Failure: false, and lastError() tells why (Result); each failure is also
 // traced at TraceAlways. lastError() is not reset by a later success of
@@ -89,7 +90,8 @@ public:
     // error. Note that a non-const key picks this overload.
     bool find(Key& key);
     // Whether the record at the key's full KeyHash is there. Not finding it is
-    // no error.
+    // no error. The KeyHash is trusted: a record there that is not equal() to
+    // the key is traced, and still counts.
     bool find(const Key& key);
     // Rewrites the record at the key's full KeyHash in place; the size must
     // stay (eSizeMismatch), and the record must be there (eNotFound).
