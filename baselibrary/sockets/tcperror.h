@@ -13,7 +13,7 @@ class Trace;
 //
 // Which system errors become which value, and which of them leave a socket
 // usable, is written down in one place: TCPErrorTable (tcperrortable.h).
-enum TCPError {
+enum TCPError : int {
     eTCPErrorNone = 0,
     // The peer ended the stream or reset it.
     eTCPErrorClosed = 1,
