@@ -9,6 +9,8 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
+#include <cstring>
 #include <new>
 
 namespace Brevi {
@@ -48,6 +50,7 @@ void IpcPacketReceive::setSocket(const boost::shared_ptr<TCPSocketData>& socket)
     mptPacket.reset();
     moRemaining = Extent();
     muiHeaderFill = 0;
+    muiAheadStart = muiAheadEnd = 0;
     muiMaximumSize = IpcPacketLayout::InitialMaximumSize;
     mptSocket = socket;
     mbValid = socket && socket->isValid();
@@ -79,7 +82,7 @@ IpcResult IpcPacketReceive::receive()
     }
     for (;;) {
         if (!mptPacket) {
-            const unsigned got = mptSocket->recv(mcHeader + muiHeaderFill, IpcPacketLayout::HeaderSize - muiHeaderFill);
+            const unsigned got = read(mcHeader + muiHeaderFill, IpcPacketLayout::HeaderSize - muiHeaderFill);
             if (!got)
                 return readFailed(false);
             muiHeaderFill += got;
@@ -91,7 +94,7 @@ IpcResult IpcPacketReceive::receive()
         }
         // The minimum size leaves at least one byte behind the header, so a
         // packet is never complete before its body has been read.
-        const unsigned got = mptSocket->recv(moRemaining.at(), moRemaining.available());
+        const unsigned got = read(moRemaining.at(), moRemaining.available());
         if (!got)
             return readFailed(true);
         if (moRemaining.used(got) == 0) {
@@ -100,6 +103,30 @@ IpcResult IpcPacketReceive::receive()
             return eIpcResultOk;
         }
     }
+}
+
+unsigned IpcPacketReceive::read(unsigned char* into, unsigned size)
+{
+    if (muiAheadStart == muiAheadEnd) {
+        // Small packets come through the read-ahead, so that one system call
+        // brings many of them. A large body goes straight into its packet,
+        // and so does the header behind a large packet: the next is likely
+        // large too, and its bytes would only be copied once more.
+        if (size >= ReadAheadSize || mbLargeLast)
+            return mptSocket->recv(into, size);
+        if (moAhead.size() == 0) {
+            Buffer block(ReadAheadSize);
+            moAhead.swap(block);
+        }
+        muiAheadStart = 0;
+        muiAheadEnd = mptSocket->recv(moAhead.data(), ReadAheadSize);
+        if (muiAheadEnd == 0)
+            return 0;
+    }
+    const unsigned n = std::min(size, muiAheadEnd - muiAheadStart);
+    std::memcpy(into, moAhead.data() + muiAheadStart, n);
+    muiAheadStart += n;
+    return n;
 }
 
 IpcResult IpcPacketReceive::startPacket()
@@ -123,6 +150,7 @@ IpcResult IpcPacketReceive::startPacket()
         fail();
         return eIpcResultTooBig;
     }
+    mbLargeLast = size >= ReadAheadSize;
     mptPacket = packetFor(type);
     try {
         moRemaining = mptPacket->buffer(header, size);
@@ -155,6 +183,7 @@ void IpcPacketReceive::fail()
     mptPacket.reset();
     moRemaining = Extent();
     muiHeaderFill = 0;
+    muiAheadStart = muiAheadEnd = 0;
 }
 
 } // namespace Brevi

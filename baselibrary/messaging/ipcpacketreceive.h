@@ -2,6 +2,7 @@
 #define BASELIBRARY_MESSAGING_IPCPACKETRECEIVE_H
 
 #include "brevi_export.h"
+#include "core/buffer.h"
 #include "core/extent.h"
 #include "core/operatorboolgenerator.h"
 #include "messaging/ipcpacketlayout.h"
@@ -28,6 +29,12 @@ class TCPSocketData;
 //             ... the link is gone: eIpcResultClosed, eIpcResultCorrupt,
 //                 eIpcResultTooSmall, eIpcResultTooBig
 //     }
+//
+// Reading: small packets are read ahead, up to ReadAheadSize bytes a system
+// call, and cut out of that; a body of that size or more is read straight
+// into its packet. What has been read ahead is invisible to a poll on the
+// socket, so call receive() until it gives eIpcResultAgain (or a failure)
+// before waiting for the socket again, as above.
 //
 // Framing: the magic chooses the class (MsgPacket, DataPacket, DataMsgPacket);
 // the size must be from 9 to maximumSize(), which starts at 65,536 and which
@@ -76,13 +83,25 @@ public:
     void setMaximumSize(unsigned size) { muiMaximumSize = size; }
     unsigned maximumSize() const { return muiMaximumSize; }
 
+    // Bytes read from the socket ahead of the packet in hand. A poll on the
+    // socket cannot see them, which is why receive() is to be called until
+    // it gives something other than eIpcResultOk.
+    unsigned buffered() const { return muiAheadEnd - muiAheadStart; }
+
     bool isValid() const { return mbValid; }
     operator OperatorBoolGenerator<IpcPacketReceive>::Result() const
     {
         return OperatorBoolGenerator<IpcPacketReceive>::make(mbValid);
     }
 
+    // The read-ahead of one link: a system call brings this much at most
+    // into it, so that small packets do not cost a call each.
+    static const unsigned ReadAheadSize = 16384;
+
 private:
+    // Up to `size` bytes into `into`, from the read-ahead or the socket; 0
+    // when none came, with the reason in the socket's lastError.
+    unsigned read(unsigned char* into, unsigned size);
     // After a recv of nothing: the result, and whether the link failed.
     IpcResult readFailed(bool inPacket);
     // A full header: checks magic and size and makes the packet; a framing
@@ -96,6 +115,12 @@ private:
     Extent moRemaining;
     unsigned char mcHeader[IpcPacketLayout::HeaderSize] = {};
     unsigned muiHeaderFill = 0;
+    // Bytes read past the current packet: moAhead from start to end.
+    Buffer moAhead;
+    unsigned muiAheadStart = 0;
+    unsigned muiAheadEnd = 0;
+    // The packet in hand, or the last one, was at least ReadAheadSize.
+    bool mbLargeLast = false;
     unsigned muiMaximumSize = IpcPacketLayout::InitialMaximumSize;
     bool mbValid = false;
 };
