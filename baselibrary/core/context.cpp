@@ -7,6 +7,7 @@
 #include "core/traceprofile.h"
 #include "messaging/messaging.h"
 #include "messaging/msg.h"
+#include "messaging/msgcatalogue.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -160,16 +161,9 @@ Context::Context(Type type, unsigned flags, const QString& title, const QString&
         }
         break;
     case TypeAttached:
-    case TypeMonitored: {
-        const unsigned attachFlags =
-            type == TypeMonitored ? flags & ~(FlagNotifyReady | FlagWaitForDisconnect | FlagWaitForEndOfDay) : flags;
-        mptMessaging = createAttachedMessaging(type, attachFlags);
-        if (!mptMessaging) {
-            BTRACE(TraceAlways) << "Failed to attach to Hub";
-            meType = TypeInvalid;
-        }
+    case TypeMonitored:
+        attach(type, flags);
         break;
-    }
     default:
         // Deliberately kept: a type above the known ones is valid and runs
         // without messaging.
@@ -232,9 +226,93 @@ boost::shared_ptr<Messaging> Context::createStandaloneMessaging()
     return messaging->valid() ? messaging : boost::shared_ptr<Messaging>();
 }
 
+void Context::attach(Type type, unsigned flags)
+{
+    // A monitored process is never waited for and never reports ready.
+    const unsigned attachFlags =
+        type == TypeMonitored ? flags & ~(FlagNotifyReady | FlagWaitForDisconnect | FlagWaitForEndOfDay) : flags;
+    const boost::shared_ptr<Messaging> attached = createAttachedMessaging(type, attachFlags);
+    if (!attached || !attached->valid()) {
+        BTRACE(TraceAlways) << "Failed to attach to Hub";
+        meType = TypeInvalid;
+        return;
+    }
+    moAddress = attached->address();
+    moPhysicalAddress = attached->physicalAddress();
+    moParentAddress = attached->parentAddress();
+    if (!getTraceBuffer(*attached)) {
+        attached->release();
+        return;
+    }
+    if (!attached->enableConnection()) {
+        attached->release();
+        meType = TypeInvalid;
+        return;
+    }
+    if (type == TypeAttached) {
+        mptMessaging = attached;
+        return;
+    }
+    // Registered and given its trace buffer: from here on it talks only
+    // inside the process. The parent address keeps what the Hub said.
+    attached->release();
+    moAddress = moPhysicalAddress = MsgAddress(eMsgAddressContext, muiId);
+    mptMessaging = createStandaloneMessaging();
+    if (!mptMessaging) {
+        BTRACE(TraceAlways) << "Failed to initialize standalone messaging";
+        meType = TypeInvalid;
+    }
+}
+
+bool Context::getTraceBuffer(Messaging& messaging)
+{
+    const MsgAddress hubManager(eMsgAddressHub, eWellKnownHubManager);
+    if (!messaging.send(Msg(hubManager, Catalogue::HubMgrTraceBufferRequest::Message))) {
+        BTRACE(TraceAlways) << "Failed to send trace buffer request to the Hub";
+        meType = TypeInvalid;
+        return false;
+    }
+    IpcResult result = eIpcResultOk;
+    const Msg reply = messaging.receive(result, -1);
+    if (!reply) {
+        BTRACE(TraceAlways) << "Failed to receive trace buffer reply  from the Hub" << int(reply.lastError());
+        meType = TypeInvalid;
+        return false;
+    }
+    const MsgAddress expected(eWellKnownHubManager);
+    if (reply.name() != Catalogue::HubMgrTraceBufferReply::Message || reply.source() != expected) {
+        BTRACE(TraceAlways) << "Incorrect reply, wanted" << Catalogue::HubMgrTraceBufferReply::Message << "from"
+                            << expected << "got" << reply.name() << "from" << reply.source();
+        meType = TypeInvalid;
+        return false;
+    }
+    const SharedMemoryId id(reply.body(), Catalogue::HubMgrTraceBufferReply::Id);
+    if (!id) {
+        BTRACE(TraceAlways) << "No trace buffer id supplied, keep going";
+        return true;
+    }
+    SharedMemoryUser buffer(id);
+    if (!buffer) {
+        BTRACE(TraceAlways) << "Invalid Trace buffer supplied, keep going";
+        return true;
+    }
+    BTRACE(TraceNormal) << "Trace to a" << buffer.size() << "buffer at" << static_cast<const void*>(buffer.address());
+    moTraceBuffer = buffer;
+    // The Hub and the process now share the buffer: the Hub reads the trace
+    // after a death and sets the levels while it lives. The levels set so
+    // far stay.
+    TraceFilter filter;
+    Trace::getFilter(filter);
+    moTrace.initializeBuffer(buffer.address(), buffer.size(), true);
+    Trace::setFilter(filter);
+    return true;
+}
+
 boost::shared_ptr<Messaging> Context::createAttachedMessaging(Type, unsigned)
 {
-    // The Hub link is not part of this build yet.
+    // The handler that holds the Hub link is not part of this build yet; with
+    // it this becomes Messaging(moMachineName, muiId, type, flags, msTitle,
+    // msGroup, msName), and attach() does the rest.
     return boost::shared_ptr<Messaging>();
 }
 

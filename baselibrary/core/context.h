@@ -184,6 +184,13 @@ private:
     // layer cannot provide them.
     boost::shared_ptr<Messaging> createStandaloneMessaging();
     boost::shared_ptr<Messaging> createAttachedMessaging(Type type, unsigned flags);
+    // Types 3 and 4: attach to the Hub, take its trace buffer, have the
+    // connection enabled; a monitored context then goes on standalone.
+    void attach(Type type, unsigned flags);
+    // Asks the Hub for the shared trace buffer and traces into it; false,
+    // with the type 0, when the exchange fails. A missing or unusable buffer
+    // is no failure: the private one goes on.
+    bool getTraceBuffer(Messaging& messaging);
 
     unsigned muiId = 0;
     Type meType = TypeInvalid;

@@ -34,7 +34,7 @@ bool MsgQueue::append(boost::any* item, bool once, const char* failure)
 {
     if (!item)
         return false;
-    boost::mutex::scoped_lock lock(moMutex);
+    boost::unique_lock<boost::mutex> lock(moMutex);
     if (mbInvalid) {
         BTRACE(TraceNormal) << "Queue is invalid" << muiContextId;
         return false;
@@ -51,10 +51,15 @@ bool MsgQueue::append(boost::any* item, bool once, const char* failure)
         }
     }
     moItems.append(*item);
+    muiChanges.fetch_add(1, std::memory_order_release);
     // One wake-up for a burst: the owner takes every item when it wakes.
-    if (moItems.size() == 1 && !wake(failure))
-        return false;
-    return true;
+    if (moItems.size() != 1)
+        return true;
+    if (!mbWakeUnlocked)
+        return wake(failure);
+    // The woken owner goes straight for the mutex: let it have it.
+    lock.unlock();
+    return wake(failure);
 }
 
 bool MsgQueue::dequeue(boost::any& item)
@@ -104,6 +109,7 @@ void MsgQueue::release()
     mbInvalid = true;
     mbReleased = true;
     moItems.clear();
+    muiChanges.fetch_add(1, std::memory_order_release);
     releaseLocked();
 }
 

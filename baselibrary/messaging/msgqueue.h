@@ -8,6 +8,8 @@
 #include <boost/any.hpp>
 #include <boost/thread/mutex.hpp>
 
+#include <atomic>
+
 namespace Brevi {
 
 class TCPSocketSelect;
@@ -79,11 +81,11 @@ public:
 protected:
     explicit MsgQueue(unsigned contextId, bool invalid);
 
-    // Appends under the mutex; `wake` is called, still under the mutex, when
-    // the queue has just gone from empty to one item, and its failure fails
-    // the enqueue.
+    // Appends under the mutex; `wake` is called when the queue has just gone
+    // from empty to one item, and its failure fails the enqueue. It runs
+    // under the mutex unless `mbWakeUnlocked` is set.
     bool append(boost::any* item, bool once, const char* failure);
-    // Wakes the owner; the mutex is held.
+    // Wakes the owner.
     virtual bool wake(const char* failure) = 0;
     // Releases what the subclass holds; the mutex is held.
     virtual void releaseLocked() = 0;
@@ -95,6 +97,11 @@ protected:
     mutable boost::mutex moMutex;
     bool mbInvalid;
     bool mbReleased = false;
+    // The subclass's wake-up needs no lock (a condition variable's notify).
+    bool mbWakeUnlocked = false;
+    // Counts appends and releases, so that an owner about to sleep can watch
+    // for news without the mutex.
+    std::atomic<unsigned> muiChanges{0};
     QList<boost::any> moItems;
     unsigned muiUsers = 0;
 };

@@ -33,11 +33,16 @@ public:
     // invalid. Takes nothing out.
     bool wait(IpcResult& result, qint64 ms);
 
+    // How long a wait watches for an item before it sleeps.
+    static constexpr unsigned SpinMicroseconds = 50;
+
 protected:
     bool wake(const char* failure) override;
     void releaseLocked() override;
 
 private:
+    void spin();
+
     boost::condition_variable moCondition;
 };
 

@@ -4,6 +4,7 @@
 // thread, the log proxy's bit bucket, and the pieces a long wait sleeps in.
 
 #include "core/context.h"
+#include "messaging/datapacket.h"
 #include "messaging/managemsghandlers.h"
 #include "messaging/messaging.h"
 #include "messaging/msg.h"
@@ -206,6 +207,9 @@ TEST(MessagingThreads, SendOnceCollapsesRepeatsThatStillWait)
             EXPECT_TRUE(Msg(address, "OtherPost").send()) << "a plain send is never collapsed";
             EXPECT_FALSE(Msg(MsgAddress(eMsgAddressContext, 99), "TickPost").sendOnce())
                 << "once posts go only to connected contexts";
+            EXPECT_FALSE(Link::parent->sendPacket(boost::make_shared<DataPacket>(
+                address.binary(), Context::address().binary(), QByteArray(), 16u, 1u, 0u)))
+                << "data does not go between threads as packets";
             Link::go.open();
             ASSERT_TRUE(Link::done.wait());
             EXPECT_EQ(Link::ticks, 1);
@@ -448,4 +452,75 @@ TEST(MessagingFailures, StandaloneContextComesUpAndGoesDownInOrder)
     EXPECT_FALSE(kept->valid());
     kept.reset();
     EXPECT_FALSE(Context::messaging());
+}
+
+TEST(MessagingData, PacketsToItselfWaitBehindMessages)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            const boost::shared_ptr<Messaging> messaging = Context::messaging();
+            const unsigned channel = 5;
+            const QList<unsigned> channels{channel};
+            EXPECT_TRUE(messaging->addDatachannel(channel, DatachannelTransport::IPC));
+            EXPECT_EQ(messaging->dataAvailable(channels, 0), eIpcResultAgain);
+            EXPECT_EQ(messaging->dataAvailable(channels, 30), eIpcResultTimeout);
+            IpcResult result = eIpcResultOk;
+            EXPECT_FALSE(messaging->receiveData(result, channel, 30));
+            EXPECT_EQ(result, eIpcResultTimeout);
+
+            const BinaryAddress& self = messaging->physicalAddress().binary();
+            const boost::shared_ptr<IpcPacket> packet =
+                boost::make_shared<DataPacket>(self, self, QByteArray(), 64u, channel, 0u);
+            EXPECT_TRUE(messaging->sendPacket(packet));
+            EXPECT_TRUE(Msg(Context::address(), "ControlPost").send());
+            EXPECT_EQ(messaging->dataAvailable(channel), eIpcResultMessagePending);
+            EXPECT_EQ(messaging->dataAvailable(channels, -1), eIpcResultMessagePending);
+            EXPECT_FALSE(messaging->receiveData(result, channel, -1));
+            EXPECT_EQ(result, eIpcResultMessagePending);
+            EXPECT_FALSE(messaging->flushData(result));
+            EXPECT_EQ(result, eIpcResultMessagePending);
+
+            EXPECT_EQ(Msg::receive(0).name(), "ControlPost");
+            EXPECT_EQ(messaging->receiveData(result, channel, 0), packet);
+            EXPECT_EQ(result, eIpcResultOk);
+            EXPECT_TRUE(messaging->flushData(result)) << "nothing to flush on a standalone context";
+
+            EXPECT_TRUE(messaging->sendPacket(packet));
+            EXPECT_TRUE(messaging->sendPacket(packet));
+            unsigned acks = 0;
+            EXPECT_TRUE(messaging->availableAcks(acks, channel));
+            EXPECT_EQ(acks, 2u);
+            acks = 0;
+            EXPECT_FALSE(messaging->availableAcks(acks, 99)) << "an unknown channel never acknowledges";
+
+            messaging->removeDatachannel(channel);
+            EXPECT_TRUE(messaging->sendPacket(packet));
+            EXPECT_FALSE(messaging->receiveData(result, channel, -1));
+            EXPECT_EQ(result, eIpcResultClosed) << "a removed channel does not wait";
+            Messaging::Transport transport = DatachannelTransport::Best;
+            EXPECT_TRUE(messaging->dataTransportType(transport));
+            EXPECT_EQ(transport, DatachannelTransport::Memory);
+        },
+        "Data"));
+}
+
+TEST(MessagingUI, AUserInterfaceThreadServesWhatIsPendingOnEverySend)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            static int pings;
+            pings = 0;
+            ManageMsgHandlers handlers;
+            handlers.add("PingPost", handler([](const Msg&) { return ++pings, eMsgResultHandled; }));
+            EXPECT_FALSE(Context::messaging()->isUI());
+            EXPECT_TRUE(Msg::setUI());
+            EXPECT_TRUE(Context::messaging()->isUI());
+            EXPECT_TRUE(Msg(Context::address(), "PingPost").send());
+            EXPECT_EQ(pings, 1) << "served inside the send";
+            handlers.add("HaltPost", handler([](const Msg&) { return eMsgResultFailed; }));
+            EXPECT_FALSE(Msg(Context::address(), "HaltPost").send()) << "a handler's stop shows in the send";
+        },
+        "UI"));
 }
