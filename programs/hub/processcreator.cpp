@@ -1,0 +1,139 @@
+#include "processcreator.h"
+
+#include "hubconstants.h"
+
+#include "core/trace.h"
+#include "messaging/msgcatalogue.h"
+#include "process/spawn.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <algorithm>
+
+#include <csignal>
+
+namespace Brevi {
+
+namespace {
+const unsigned TraceModule = TraceModuleHub;
+using namespace Catalogue;
+} // namespace
+
+ProcessCreator::ProcessCreator(const QString& programsDirectory, unsigned hubPort)
+    : msDirectory(programsDirectory)
+    , muiPort(hubPort)
+{}
+
+QString ProcessCreator::start(const Request& request, unsigned long long deadline)
+{
+    const QString& program = request.program;
+    if (program.isEmpty() || program.contains('/') || program == "." || program == "..") {
+        BTRACE(TraceAlways) << "Invalid program name" << program;
+        return HubMgrCreateProcessReply::StatusInvalid;
+    }
+    const QString path = QDir(msDirectory).absoluteFilePath(program);
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        BTRACE(TraceAlways) << "Program does not exist" << path;
+        return HubMgrCreateProcessReply::StatusDoesNotExist;
+    }
+    if (!info.isFile() || !info.isExecutable()) {
+        BTRACE(TraceAlways) << "Program is not executable" << path;
+        return HubMgrCreateProcessReply::StatusNoExecutable;
+    }
+
+    Spawn spawn;
+    spawn.setProgram(path);
+    spawn.addEnvironment(ContextTitleVariable, request.title);
+    spawn.addEnvironment(ContextNameVariable, request.name);
+    spawn.addEnvironment(ContextGroupVariable, request.name.isEmpty() ? QString() : request.group);
+    spawn.addEnvironment(ContextTraceFileVariable, request.traceFile);
+    spawn.addEnvironment(QString::fromLatin1(HubConstants::PortVariable), muiPort);
+    if (!spawn.spawn() || !spawn) {
+        BTRACE(TraceAlways) << "Failed to start" << path << "error" << unsigned(spawn.error());
+        return HubMgrCreateProcessReply::StatusSpawnFailed;
+    }
+    BTRACE(TraceNormal) << "Started" << path << "pid" << spawn.getOSPid() << "for instance" << request.instance;
+    moChildren.push_back(Child{spawn.getOSPid(), spawn.getOSHandle()});
+    Pending pending;
+    pending.request = request;
+    pending.osPid = spawn.getOSPid();
+    pending.deadline = deadline;
+    moPending.push_back(pending);
+    return QString();
+}
+
+bool ProcessCreator::take(unsigned osPid, Pending& pending)
+{
+    const auto it =
+        std::find_if(moPending.begin(), moPending.end(), [osPid](const Pending& item) { return item.osPid == osPid; });
+    if (it == moPending.end())
+        return false;
+    pending = *it;
+    moPending.erase(it);
+    return true;
+}
+
+bool ProcessCreator::running(unsigned osPid) const
+{
+    for (const Child& child : moChildren)
+        if (child.osPid == osPid)
+            return child.handle && child.handle->running();
+    return false;
+}
+
+std::vector<ProcessCreator::Pending> ProcessCreator::expired(unsigned long long now)
+{
+    std::vector<Pending> result;
+    for (auto it = moPending.begin(); it != moPending.end();) {
+        const bool alive = running(it->osPid);
+        if (alive && now < it->deadline) {
+            ++it;
+            continue;
+        }
+        if (alive) {
+            // Its starter is told it failed: nobody wants it now.
+            BTRACE(TraceAlways) << "Process" << it->osPid << "of" << it->request.program
+                                << "did not attach in time, ending it";
+            ::kill(pid_t(it->osPid), SIGTERM);
+        } else {
+            BTRACE(TraceAlways) << "Process" << it->osPid << "of" << it->request.program << "ended before it attached";
+        }
+        result.push_back(*it);
+        it = moPending.erase(it);
+    }
+    return result;
+}
+
+std::vector<ProcessCreator::Pending> ProcessCreator::takeAll()
+{
+    std::vector<Pending> result;
+    result.swap(moPending);
+    return result;
+}
+
+void ProcessCreator::forget(unsigned requester)
+{
+    moPending.erase(std::remove_if(moPending.begin(), moPending.end(),
+                                   [requester](const Pending& item) { return item.request.requester == requester; }),
+                    moPending.end());
+}
+
+bool ProcessCreator::reap()
+{
+    for (auto it = moChildren.begin(); it != moChildren.end();) {
+        if (!it->handle || !it->handle->running()) {
+            int code = 0;
+            int signal = 0;
+            if (it->handle && it->handle->wait(&code, &signal))
+                BTRACE(TraceNormal) << "Child" << it->osPid << "ended, exit code" << code << "signal" << signal;
+            it = moChildren.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return !moChildren.empty();
+}
+
+} // namespace Brevi

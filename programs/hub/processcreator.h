@@ -1,0 +1,93 @@
+#ifndef PROGRAMS_HUB_PROCESSCREATOR_H
+#define PROGRAMS_HUB_PROCESSCREATOR_H
+
+#include "core/xmllist.h"
+#include "process/handle.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <boost/shared_ptr.hpp>
+
+#include <vector>
+
+namespace Brevi {
+
+// The Hub's side of HubMgrCreateProcessRequest: starts a program from the
+// programs directory and keeps the request until the new process attaches,
+// ends, or runs out of time; and collects every child it started once it has
+// ended, so that none lingers as a zombie.
+//
+// A program is named by its file name alone: a name with "/" in it, or "."
+// or "..", is "Invalid", so that a request cannot reach outside the
+// directory. A missing file is "Does Not Exist", one that is no executable
+// file "No Executable", a refused start "Spawn Failed". The child gets the
+// request's Title, Name, Group and TraceFile in BREVI_CONTEXT_TITLE,
+// BREVI_CONTEXT_NAME, BREVI_CONTEXT_GROUP and BREVI_CONTEXT_TRACE_FILE (empty
+// when not given, so that the Hub's own values never leak into it) and the
+// Hub's port in BREVI_HUB_PORT. The Hub matches the attach by the child's
+// operating-system pid. A child that has not attached in time is sent
+// SIGTERM: its starter has been told "Attach Failed" and nobody wants it.
+//
+// Threads: the Hub's one thread (Spawn changes the environment of the whole
+// process for a moment).
+class ProcessCreator
+{
+public:
+    struct Request {
+        unsigned instance = 0;
+        // The asking process, and the address its reply goes to.
+        unsigned requester = 0;
+        QByteArray replyTo;
+        QByteArray cookie;
+        // The asking process's address, for the child's ParentAddress.
+        XmlList parentAddress;
+        QString program;
+        QString title;
+        QString name;
+        QString group;
+        QString traceFile;
+    };
+    struct Pending {
+        Request request;
+        unsigned osPid = 0;
+        unsigned long long deadline = 0;
+    };
+
+    ProcessCreator(const QString& programsDirectory, unsigned hubPort);
+
+    // Starts the program. An empty result: it runs, and `pending` waits for
+    // its attach. Otherwise the status word of the failure.
+    QString start(const Request& request, unsigned long long deadline);
+
+    // The request waiting for the process with this pid, taken out; false if
+    // none waits for it.
+    bool take(unsigned osPid, Pending& pending);
+    // Requests whose time is up or whose child has ended without attaching,
+    // taken out.
+    std::vector<Pending> expired(unsigned long long now);
+    // Every request still waiting, taken out (the Hub is shutting down).
+    std::vector<Pending> takeAll();
+    // Requests of a process that has gone are dropped: nobody to answer.
+    void forget(unsigned requester);
+    bool waiting() const { return !moPending.empty(); }
+
+    // Collects the children that have ended. True while any is still held.
+    bool reap();
+
+private:
+    struct Child {
+        unsigned osPid;
+        boost::shared_ptr<Handle> handle;
+    };
+    bool running(unsigned osPid) const;
+
+    QString msDirectory;
+    unsigned muiPort;
+    std::vector<Pending> moPending;
+    std::vector<Child> moChildren;
+};
+
+} // namespace Brevi
+
+#endif

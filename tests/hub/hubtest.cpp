@@ -1,0 +1,145 @@
+#include "hubtest.h"
+
+#include "sockets/tcpsocketdata.h"
+#include "sockets/tcpsocketlisten.h"
+
+#include <QThread>
+
+#include <csignal>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Brevi;
+
+namespace HubTest {
+
+unsigned freePort()
+{
+    TCPSocketListen probe("Probe", NetAddress(QHostAddress::LocalHost, 0), 1);
+    return probe.localAddress().getPort();
+}
+
+ChildProcess::ChildProcess(const QString& program, const QStringList& arguments, const QStringList& environment)
+{
+    std::vector<QByteArray> storage;
+    storage.push_back(program.toLocal8Bit());
+    for (const QString& argument : arguments)
+        storage.push_back(argument.toLocal8Bit());
+    std::vector<QByteArray> variables;
+    for (const QString& entry : environment)
+        variables.push_back(entry.toLocal8Bit());
+    // Everything the child needs is made before the fork: it only sets its
+    // variables and execs.
+    std::vector<char*> argv;
+    for (QByteArray& item : storage)
+        argv.push_back(item.data());
+    argv.push_back(nullptr);
+    miPid = ::fork();
+    if (miPid == 0) {
+        for (QByteArray& entry : variables)
+            ::putenv(entry.data());
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (miPid > 0 && !mbReaped) {
+        ::kill(miPid, SIGKILL);
+        ::waitpid(miPid, nullptr, 0);
+    }
+}
+
+bool ChildProcess::running()
+{
+    if (miPid <= 0 || mbReaped)
+        return false;
+    int status = 0;
+    if (::waitpid(miPid, &status, WNOHANG) == miPid)
+        mbReaped = true;
+    return !mbReaped;
+}
+
+bool ChildProcess::waitExit(int ms, int* status)
+{
+    const unsigned long long deadline = steadyMs() + ms;
+    for (;;) {
+        int raw = 0;
+        if (!mbReaped && ::waitpid(miPid, &raw, WNOHANG) == miPid) {
+            mbReaped = true;
+            if (status)
+                *status = raw;
+            return true;
+        }
+        if (mbReaped)
+            return true;
+        if (steadyMs() >= deadline)
+            return false;
+        QThread::msleep(10);
+    }
+}
+
+void ChildProcess::kill(int signal)
+{
+    if (miPid > 0 && !mbReaped)
+        ::kill(miPid, signal);
+}
+
+HubProcess::HubProcess(const QStringList& arguments)
+    : muiPort(freePort())
+{
+    QStringList all{"--port", QString::number(muiPort), "--node", Node, "--machine-id", MachineId};
+    all += arguments;
+    mpProcess.reset(new ChildProcess(hubProgram(), all));
+    // Ready when it accepts a connection; never a blind sleep.
+    const unsigned long long deadline = steadyMs() + 10000;
+    while (steadyMs() < deadline && mpProcess->running()) {
+        TCPSocketData probe("Probe", NetAddress(QHostAddress::LocalHost, muiPort));
+        if (probe.isValid() && probe.complete(200)) {
+            mbReady = true;
+            return;
+        }
+        QThread::msleep(20);
+    }
+}
+
+int HubProcess::stop(int ms)
+{
+    mpProcess->kill(SIGTERM);
+    int status = 0;
+    if (!mpProcess->waitExit(ms, &status))
+        return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void HubFixture::TearDown()
+{
+    if (mpHub && mpHub->process().running()) {
+        EXPECT_EQ(mpHub->stop(15000), 0) << "the Hub did not stop cleanly";
+    }
+}
+
+void HubFixture::startHub(const QStringList& arguments)
+{
+    mpHub.reset(new HubProcess(arguments));
+    ASSERT_TRUE(mpHub->ready()) << "the Hub did not come up";
+}
+
+std::unique_ptr<HubClient> HubFixture::connect()
+{
+    std::unique_ptr<HubClient> client(new HubClient(port()));
+    EXPECT_TRUE(client->connected());
+    return client;
+}
+
+std::unique_ptr<HubClient> HubFixture::started(const QString& title, const QString& name, const QString& group)
+{
+    std::unique_ptr<HubClient> client = connect();
+    EXPECT_TRUE(client->start(title, name, group)) << title.toStdString();
+    return client;
+}
+
+} // namespace HubTest
