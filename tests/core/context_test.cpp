@@ -5,6 +5,7 @@
 #include "core/fixedpath.h"
 #include "core/sharedmemoryprovider.h"
 #include "core/tracedump.h"
+#include "messaging/messaging.h"
 
 #include "testhome.h"
 
@@ -108,6 +109,32 @@ TEST(ContextRun, MessagingTypesDoNotComeUpWithoutTheirObjects)
     const QString trace = TestHome::readFile(home.trace() + "/attached-" + pidText() + ".tra");
     EXPECT_TRUE(trace.contains("Failed to attach to Hub"));
     EXPECT_TRUE(trace.contains("Not launched") || !trace.contains("Launched"));
+}
+
+TEST(ContextRun, StandaloneRunsWithItsOwnMessagingAndReleasesItFirst)
+{
+    TestHome home;
+    static boost::shared_ptr<Messaging> kept;
+    gCalls = 0;
+    EXPECT_TRUE(Context::run(
+        [] {
+            ++gCalls;
+            kept = Context::messaging();
+            ASSERT_TRUE(kept);
+            EXPECT_TRUE(kept->valid());
+            EXPECT_EQ(Context::type(), Context::TypeStandalone);
+            EXPECT_EQ(kept->address(), Context::address());
+            EXPECT_EQ(Context::address(), MsgAddress(eMsgAddressContext, 1));
+        },
+        Context::TypeStandalone, 0, "Alone"));
+    EXPECT_EQ(gCalls, 1);
+    ASSERT_TRUE(kept);
+    EXPECT_TRUE(kept->isDisabled()) << "released on the way out";
+    kept.reset();
+    const QString trace = TestHome::readFile(home.trace() + "/alone-" + pidText() + ".tra");
+    const int released = trace.indexOf("message(s) still have handler(s)");
+    EXPECT_GE(released, 0);
+    EXPECT_LT(released, trace.indexOf("Disable trace")) << "messaging goes before the trace";
 }
 
 TEST(ContextRun, NoHomeNoRun)

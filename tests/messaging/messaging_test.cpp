@@ -442,18 +442,6 @@ TEST(MessagingFailures, DisabledMessagingFailsCleanly)
     bare.join();
 }
 
-TEST(MessagingFailures, StandaloneContextComesUpAndGoesDownInOrder)
-{
-    TestHome home;
-    static boost::shared_ptr<Messaging> kept;
-    ASSERT_TRUE(runStandalone([] { kept = Context::messaging(); }, "Standalone"));
-    ASSERT_TRUE(kept);
-    EXPECT_TRUE(kept->isDisabled()) << "the context released its messaging on the way out";
-    EXPECT_FALSE(kept->valid());
-    kept.reset();
-    EXPECT_FALSE(Context::messaging());
-}
-
 TEST(MessagingData, PacketsToItselfWaitBehindMessages)
 {
     TestHome home;
