@@ -108,11 +108,10 @@ IpcResult IpcPacketReceive::receive()
 unsigned IpcPacketReceive::read(unsigned char* into, unsigned size)
 {
     if (muiAheadStart == muiAheadEnd) {
-        // Small packets come through the read-ahead, so that one system call
-        // brings many of them. A large body goes straight into its packet,
-        // and so does the header behind a large packet: the next is likely
-        // large too, and its bytes would only be copied once more.
-        if (size >= ReadAheadSize || mbLargeLast)
+        // Packets come through the read-ahead, so that one system call
+        // brings many small ones; a body too large for it goes straight into
+        // its packet.
+        if (size >= ReadAheadSize)
             return mptSocket->recv(into, size);
         if (moAhead.size() == 0) {
             Buffer block(ReadAheadSize);
@@ -150,7 +149,6 @@ IpcResult IpcPacketReceive::startPacket()
         fail();
         return eIpcResultTooBig;
     }
-    mbLargeLast = size >= ReadAheadSize;
     mptPacket = packetFor(type);
     try {
         moRemaining = mptPacket->buffer(header, size);

@@ -94,9 +94,10 @@ public:
         return OperatorBoolGenerator<IpcPacketReceive>::make(mbValid);
     }
 
-    // The read-ahead of one link: a system call brings this much at most
-    // into it, so that small packets do not cost a call each.
-    static const unsigned ReadAheadSize = 16384;
+    // The read-ahead of one link, allocated on the first receive: a system
+    // call brings this much at most, so that small packets do not cost a call
+    // each and a channel's 16 KiB buffers come several to a call.
+    static const unsigned ReadAheadSize = 65536;
 
 private:
     // Up to `size` bytes into `into`, from the read-ahead or the socket; 0
@@ -119,8 +120,6 @@ private:
     Buffer moAhead;
     unsigned muiAheadStart = 0;
     unsigned muiAheadEnd = 0;
-    // The packet in hand, or the last one, was at least ReadAheadSize.
-    bool mbLargeLast = false;
     unsigned muiMaximumSize = IpcPacketLayout::InitialMaximumSize;
     bool mbValid = false;
 };
