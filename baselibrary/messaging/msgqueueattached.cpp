@@ -150,9 +150,6 @@ bool MsgQueueAttached::setup(TCPSocketSelect& select)
     mbInvalid = false;
     select.set(*mptRecv, TCPSocketSelect::Read);
     BTRACE(TraceNormal) << "Connected" << *mptSend << "to" << *mptRecv;
-    // Items that came before the pair existed need their wake-up too.
-    if (!moItems.isEmpty())
-        wake("Failed to send wakeup byte");
     return true;
 }
 
