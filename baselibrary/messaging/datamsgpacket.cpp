@@ -71,7 +71,7 @@ void DataMsgPacket::build(const BinaryAddress& destination, const BinaryAddress&
 
     const unsigned long long plain = (unsigned long long)data.size() + unsigned(bodyText.size());
     QByteArray block;
-    if (compress && plain) {
+    if (compress && plain && plain <= IpcPacketLayout::EnabledMaximumSize) {
         // One block of both, so that the data's redundancy and the text's
         // share a dictionary; the join is the price of compressing at all.
         QByteArray joined;

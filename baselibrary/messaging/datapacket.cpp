@@ -64,6 +64,10 @@ void DataPacket::transmitted()
     mbPrepared = false;
     muiSize = muiPayloadOffset + muiRoom;
     moPayload = Extent(moBytes.data() + muiPayloadOffset, muiRoom);
+    // The bytes stay a whole packet of the whole room, as after construction,
+    // so that what buffer() shows always frames.
+    setMagic(IpcPacketLayout::DataMagic);
+    setSizeField(muiSize);
 }
 
 unsigned DataPacket::append(const Extent& source) { return moPayload.putAvailable(source); }

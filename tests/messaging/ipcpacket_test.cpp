@@ -198,6 +198,7 @@ TEST_F(IpcPacketTest, DataPacketIsFilledPreparedSentAndRefilledInOneBuffer)
     packet.transmitted();
     EXPECT_FALSE(packet.prepared());
     EXPECT_EQ(packet.available(), 1000u);
+    EXPECT_EQ(Layout::check(packet.buffer()), Layout::eCheckOk) << "its bytes still frame";
     const QByteArray second(900, 'z');
     packet.append(Extent(second));
     ASSERT_TRUE(packet.prepareSend(900, true));
