@@ -17,6 +17,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <vector>
 
@@ -38,6 +39,8 @@ const unsigned AcceptsPerTurn = 32;
 // The longest wait of one turn: how late a timer may be noticed.
 const unsigned IdleWaitMs = 500;
 const unsigned BusyWaitMs = 50;
+// How often the timers are looked at, at most.
+const unsigned TimerCheckMs = 20;
 // How often monitored processes without a link are looked at.
 const unsigned MonitorCheckMs = 250;
 // Before another attempt to listen after the listener failed.
@@ -396,6 +399,10 @@ void Hub::checkMonitored()
 void Hub::checkTimers()
 {
     const unsigned long long time = now();
+    // A busy Hub turns thousands of times a second; its timers need not.
+    if (time < muiNextTimerCheck)
+        return;
+    muiNextTimerCheck = time + TimerCheckMs;
     for (auto& item : moLinks) {
         HubLink& link = *item.second;
         if (link.failed())
@@ -470,10 +477,15 @@ int Hub::run()
             checkTimers();
             continue;
         }
-        const TCPError result = select.wait(wait);
+        // Packets already read ahead from a socket are served at once.
+        bool backlog = false;
+        for (auto& item : moLinks)
+            backlog = backlog || (item.second->buffered() && !item.second->failed() && !paused(*item.second));
+        const TCPError result = select.wait(backlog ? 0 : wait);
+        readable.clear();
+        writable.clear();
+        bool listenerReady = false;
         if (result == eTCPErrorNone) {
-            readable.clear();
-            writable.clear();
             for (auto& item : moLinks) {
                 HubLink& link = *item.second;
                 if (select.isSet(*link.socket(), TCPSocketSelect::Read))
@@ -481,18 +493,25 @@ int Hub::run()
                 if (select.isSet(*link.socket(), TCPSocketSelect::Write))
                     writable.push_back(&link);
             }
-            const bool listenerReady = mpListener && select.isSet(*mpListener, TCPSocketSelect::Read);
-            for (HubLink* link : writable)
-                write(*link);
-            for (HubLink* link : readable)
-                serve(*link);
-            if (listenerReady)
-                accept();
+            listenerReady = mpListener && select.isSet(*mpListener, TCPSocketSelect::Read);
         } else if (result != eTCPErrorTimeout && result != eTCPErrorInterrupted) {
             BTRACE(TraceAlways) << "Unexpected error waiting on select" << result;
             select.display();
             Context::sleep(BusyWaitMs);
         }
+        if (backlog)
+            for (auto& item : moLinks) {
+                HubLink* link = item.second.get();
+                if (link->buffered() && !paused(*link) &&
+                    std::find(readable.begin(), readable.end(), link) == readable.end())
+                    readable.push_back(link);
+            }
+        for (HubLink* link : writable)
+            write(*link);
+        for (HubLink* link : readable)
+            serve(*link);
+        if (listenerReady)
+            accept();
         checkTimers();
     }
 

@@ -135,6 +135,7 @@ private:
     unsigned muiNextLink = 1;
     unsigned muiNextPacket = 1;
     unsigned long long muiShutdownDeadline = 0;
+    unsigned long long muiNextTimerCheck = 0;
     unsigned long long muiNextMonitorCheck = 0;
     unsigned long long muiRelistenAt = 0;
     bool mbShuttingDown = false;

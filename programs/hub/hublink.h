@@ -46,6 +46,11 @@ public:
     // reason the link has failed.
     IpcResult receive(boost::shared_ptr<IpcPacket>& packet, unsigned packetId);
 
+    // Bytes already read from the socket and not yet framed: a poll on the
+    // socket does not show them, so a link with some is served without
+    // waiting for it to be readable.
+    unsigned buffered() const { return moReceive.buffered(); }
+
     // Appends a packet to the send queue; nothing is written here.
     void enqueue(const boost::shared_ptr<IpcPacket>& packet, unsigned long long now);
     // Writes queued packets until the queue is empty (eIpcResultOk) or the
