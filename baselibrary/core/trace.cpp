@@ -466,7 +466,8 @@ Trace& Trace::operator<<(bool value)
         return *this;
     if (reserve(5, 4)) {
         const unsigned char bytes[4] = {ValueBool, static_cast<unsigned char>(muiFormat),
-                                        static_cast<unsigned char>(muiFormat >> 8), value ? 1 : 0};
+                                        static_cast<unsigned char>(muiFormat >> 8),
+                                        static_cast<unsigned char>(value ? 1 : 0)};
         ringWrite(bytes, 4);
     }
     if (mpoText)

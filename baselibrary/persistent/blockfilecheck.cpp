@@ -8,6 +8,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 namespace Brevi {
@@ -146,7 +147,7 @@ void checkFreeList(const QString& path, BlockFileReport& report)
         if (blocks && report.fileSize >= (place + 1) * report.blockSize) {
             if (!readAt(blocks, place * report.blockSize, data.data(), report.blockSize)) {
                 faults.add(QString("cannot read free block %1").arg(place));
-            } else if (std::any_of(data.begin(), data.end(), [](unsigned char c) { return c != 0; })) {
+            } else if (data[0] != 0 || std::memcmp(data.data(), data.data() + 1, data.size() - 1) != 0) {
                 faults.add(QString("free block %1 is not zero").arg(place));
             }
         } else {
