@@ -5,9 +5,6 @@
 // always end, packets received from exact-size copies of their bytes, and a
 // fixture that can tell which lines the packet code traced.
 
-#include "core/trace.h"
-#include "core/tracedump.h"
-#include "core/traceposition.h"
 #include "messaging/binaryaddress.h"
 #include "messaging/ipcpacket.h"
 #include "messaging/ipcpacketreceive.h"
@@ -15,6 +12,8 @@
 #include "sockets/netaddress.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
+
+#include "tracelines.h"
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -26,7 +25,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <memory>
 
 #include <poll.h>
@@ -71,30 +69,26 @@ inline int remainingOf(std::chrono::steady_clock::time_point deadline)
     return left.count() > 0 ? int(left.count()) : 0;
 }
 
-// Receives until something other than eIpcResultAgain comes, waiting for the
-// socket in between; eIpcResultTimeout when the limit passes first.
+// Calls `step` (a machine's receive or send) until it gives something other
+// than eIpcResultAgain, waiting for the socket in between;
+// eIpcResultTimeout when `ms` pass first.
+template <typename Step>
+Brevi::IpcResult untilDone(Step step, const Brevi::TCPSocket& socket, short events, int ms)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    Brevi::IpcResult result;
+    while ((result = step()) == Brevi::eIpcResultAgain)
+        if (!waitFor(socket, events, remainingOf(deadline)))
+            return Brevi::eIpcResultTimeout;
+    return result;
+}
 inline Brevi::IpcResult receiveWithin(Brevi::IpcPacketReceive& receiver, int ms = WaitLimit)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    for (;;) {
-        const Brevi::IpcResult result = receiver.receive();
-        if (result != Brevi::eIpcResultAgain)
-            return result;
-        if (!waitFor(*receiver.socket(), POLLIN, remainingOf(deadline)))
-            return Brevi::eIpcResultTimeout;
-    }
+    return untilDone([&] { return receiver.receive(); }, *receiver.socket(), POLLIN, ms);
 }
-
 inline Brevi::IpcResult sendWithin(Brevi::IpcPacketSend& sender, int ms = WaitLimit)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    for (;;) {
-        const Brevi::IpcResult result = sender.send();
-        if (result != Brevi::eIpcResultAgain)
-            return result;
-        if (!waitFor(*sender.socket(), POLLOUT, remainingOf(deadline)))
-            return Brevi::eIpcResultTimeout;
-    }
+    return untilDone([&] { return sender.send(); }, *sender.socket(), POLLOUT, ms);
 }
 
 // Writes all of `bytes` on a raw socket, waiting while it is full.
@@ -134,8 +128,8 @@ boost::shared_ptr<P> receivedFrom(const QByteArray& bytes)
 
 inline Brevi::BinaryAddress address(const char* text) { return Brevi::BinaryAddress(Brevi::Extent(QByteArray(text))); }
 
-// Keeps a Trace on the test's thread with the packet modules at full detail.
-class PacketTest : public ::testing::Test
+// The messaging trace fixture, with the packet modules at full detail too.
+class PacketTest : public MessagingTraceTest
 {
 protected:
     PacketTest()
@@ -143,26 +137,6 @@ protected:
         Brevi::Trace::setLevel(Brevi::TraceDebug, Brevi::TraceModuleMsgPacket);
         Brevi::Trace::setLevel(Brevi::TraceDebug, Brevi::TraceModuleDataPacket);
     }
-
-    // Success when `action` wrote a line at `level` holding `text`; the
-    // failure lists what was written instead.
-    ::testing::AssertionResult traces(const std::function<void()>& action, Brevi::TraceLevelE level,
-                                      const QString& text)
-    {
-        Brevi::TracePosition start(true);
-        action();
-        Brevi::TraceDump dump(nullptr, &start, nullptr);
-        auto failure = ::testing::AssertionFailure()
-                       << "expected a line at level " << level << " with \"" << text.toStdString() << "\", got:";
-        while (auto entry = dump.popEntry()) {
-            if (entry->getLevel() == level && entry->getMessage().contains(text))
-                return ::testing::AssertionSuccess();
-            failure << "\n  [" << entry->getLevel() << "] " << entry->getMessage().toStdString();
-        }
-        return failure;
-    }
-
-    Brevi::Trace moTrace;
 };
 
 } // namespace BreviTest
