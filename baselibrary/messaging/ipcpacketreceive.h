@@ -30,9 +30,9 @@ class TCPSocketData;
 //                 eIpcResultTooSmall, eIpcResultTooBig
 //     }
 //
-// Reading: small packets are read ahead, up to ReadAheadSize bytes a system
-// call, and cut out of that; a body of that size or more is read straight
-// into its packet. What has been read ahead is invisible to a poll on the
+// Reading: the stream is read ahead, up to ReadAheadSize bytes a system call,
+// and packets are cut out of that; only a body of that size or more is read
+// straight into its packet. What has been read ahead is invisible to a poll on the
 // socket, so call receive() until it gives eIpcResultAgain (or a failure)
 // before waiting for the socket again, as above.
 //
