@@ -1,0 +1,159 @@
+// Threads of one process talking through ThreadComms: a worker connects to
+// the thread that made the link and the two exchange messages under the
+// link's name; a worker that cannot come up tells its parent; the link used
+// in its own thread; and links that cannot work.
+
+#include "core/context.h"
+#include "messaging/managemsghandlers.h"
+#include "messaging/messaging.h"
+#include "messaging/msg.h"
+#include "messaging/msgcatalogue.h"
+#include "messaging/threadcomms.h"
+
+#include "testhome.h"
+#include "threadcontexts.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace Brevi;
+using namespace BreviTest;
+
+namespace {
+
+const QString Connected = Catalogue::MsgConnectedPost::Message;
+const QString Disconnected = Catalogue::MsgDisconnectedPost::Message;
+
+// The parent's link as the worker gets it, and what the worker saw.
+ThreadComms gLink;
+MsgAddress gWorkerAddress;
+std::atomic<int> gAnswered{0};
+QStringList gLines;
+
+// Asks the parent ten times, then leaves.
+void askingWorker()
+{
+    ThreadComms link = gLink;
+    gWorkerAddress = Context::address();
+    if (!link.connect() || !link.connect())
+        return;
+    for (int i = 0; i < 10; ++i) {
+        XmlList body;
+        body.set("Value", i);
+        if (!link.send("SquareRequest", body))
+            return;
+        const Msg reply = Msg::wait("SquareReply", link.address(), 10);
+        if (reply && reply.getCookie() == link.name() && reply.get("Value", -1) == i * i)
+            ++gAnswered;
+    }
+    link.disconnect();
+}
+
+} // namespace
+
+TEST(ThreadComms, AWorkerConnectsTalksUnderTheLinksNameAndLeaves)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            gLink = ThreadComms("job 7");
+            WorkerThread worker(askingWorker, "Worker");
+            const Msg hello = Msg::wait(Connected, 10);
+            ASSERT_TRUE(hello) << "lastError " << hello.lastError();
+            EXPECT_EQ(hello.getCookie(), "job 7");
+            EXPECT_EQ(hello.source(), gWorkerAddress);
+
+            ManageMsgHandlers handlers;
+            handlers.add("SquareRequest", handler([](const Msg& request) {
+                             const int value = request.get("Value", 0);
+                             XmlList body;
+                             body.set("Value", value * value);
+                             return request.getCookie() == "job 7" && request.reply("SquareReply", body)
+                                        ? eMsgResultHandled
+                                        : eMsgResultFailed;
+                         }));
+            const Msg bye = Msg::wait(Disconnected, hello.source(), 10);
+            ASSERT_TRUE(bye) << "lastError " << bye.lastError();
+            EXPECT_EQ(bye.getCookie(), "job 7");
+            worker.join();
+            EXPECT_EQ(gAnswered, 10);
+            EXPECT_FALSE(Context::messaging()->isConnected(hello.source()));
+        },
+        "Parent"));
+}
+
+TEST(ThreadComms, AWorkerThatCannotComeUpTellsItsParent)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            ThreadComms link("job 8");
+            std::thread([link]() mutable { EXPECT_TRUE(link.failed()); }).join();
+            const Msg failed = Msg::wait(Disconnected, 10);
+            ASSERT_TRUE(failed);
+            EXPECT_EQ(failed.getCookie(), "job 8");
+        },
+        "Parent"));
+}
+
+TEST(ThreadComms, InItsOwnThreadTheLinkLoopsBack)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            const TracePosition start(true);
+            ThreadComms link("self");
+            ThreadComms copy;
+            copy = link;
+            EXPECT_EQ(copy.name(), "self");
+            EXPECT_TRUE(copy.connect());
+            EXPECT_EQ(copy.address(), Context::address());
+            EXPECT_TRUE(copy.send("SelfPost"));
+            const Msg self = Msg::wait("SelfPost", 1);
+            ASSERT_TRUE(self);
+            EXPECT_EQ(self.getCookie(), "self");
+            EXPECT_TRUE(copy.disconnect());
+            EXPECT_FALSE(copy.address());
+            const QStringList lines = tracedSince(start);
+            EXPECT_EQ(lines.filter("Assignment operator").size(), 1) << lines.join('\n').toStdString();
+            EXPECT_EQ(lines.filter("Trying to connect to the local thread, be happy").size(), 1);
+            EXPECT_EQ(lines.filter("Trying to disconnect from local thread").size(), 1);
+        },
+        "Parent"));
+}
+
+TEST(ThreadCommsBadInput, LinksThatCannotWork)
+{
+    TestHome home;
+    // Made where there is no messaging: there is nothing to connect to.
+    std::thread([] { gLink = ThreadComms("orphan"); }).join();
+    ASSERT_TRUE(runStandalone(
+        [] {
+            const TracePosition start(true);
+            ThreadComms orphan = gLink;
+            EXPECT_FALSE(orphan.connect());
+            EXPECT_FALSE(orphan.failed());
+            EXPECT_FALSE(orphan.send("AnyPost"));
+            EXPECT_FALSE(orphan.disconnect());
+            gLines = tracedSince(start);
+
+            // A worker whose context has no messaging cannot connect.
+            gLink = ThreadComms("job 9");
+            std::thread([] {
+                Context::run(
+                    [] {
+                        ThreadComms link = gLink;
+                        const TracePosition start(true);
+                        EXPECT_FALSE(link.connect());
+                        EXPECT_TRUE(tracedSince(start).filter("No messaging").size() == 1);
+                    },
+                    Context::Type(7), 0, "Plain");
+            }).join();
+            EXPECT_FALSE(Msg::wait(Connected, 0)) << "nothing came of it";
+        },
+        "Parent"));
+    EXPECT_EQ(gLines.filter("Other thread data is invalid").size(), 2) << gLines.join('\n').toStdString();
+    EXPECT_EQ(gLines.filter("Not connected").size(), 2);
+}
