@@ -69,6 +69,13 @@ TEST_F(HubNotify, ExitIsToldWhenALinkClosesWhenItsProcessIsKilledAndAtOnceWhenGo
     // The one unregistered is not told.
     EXPECT_FALSE(exitPost(*watcher, 300));
 
+    // One that says it leaves: the Hub closes its link and tells.
+    std::unique_ptr<HubClient> detaching = started("detaching");
+    watch(*watcher, HubRtrRegisterNotifyOnExitPost::Message, numeric(detaching->processId()));
+    ASSERT_TRUE(detaching->send(detaching->router(), HubRtrConnectionDetachPost::Message));
+    EXPECT_TRUE(detaching->waitClosed(5000));
+    EXPECT_EQ(exitPost(*watcher, 5000), numeric(detaching->processId()));
+
     // A process killed outright: its link closes with it.
     ChildProcess child(childProgram(), {"attach"},
                        {"BREVI_HUB_PORT=" + QString::number(port()), "BREVI_CONTEXT_NAME=victim"});

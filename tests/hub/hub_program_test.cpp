@@ -1,0 +1,65 @@
+// The Hub as a program: its command line, running as a daemon, a port that
+// is taken.
+
+#include "hubtest.h"
+
+#include "messaging/msgcatalogue.h"
+#include "sockets/tcpsocketdata.h"
+#include "sockets/tcpsocketlisten.h"
+
+#include <sys/wait.h>
+
+using namespace Brevi;
+using namespace Brevi::Catalogue;
+using namespace HubTest;
+
+namespace {
+
+class HubProgram : public HubFixture
+{
+protected:
+    // Runs the Hub to its end (bounded) and gives its exit status.
+    int runToEnd(const QStringList& arguments)
+    {
+        ChildProcess hub(hubProgram(), arguments);
+        int status = 0;
+        if (!hub.waitExit(15000, &status))
+            return -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    static bool accepts(unsigned port)
+    {
+        TCPSocketData probe("Probe", NetAddress(QHostAddress::LocalHost, port));
+        return probe.isValid() && probe.complete(1000);
+    }
+};
+
+} // namespace
+
+TEST_F(HubProgram, CommandLineMistakesAndATakenPortEndWithAStatus)
+{
+    EXPECT_EQ(runToEnd({"--help"}), 0);
+    EXPECT_EQ(runToEnd({"--port", "none"}), 2);
+    EXPECT_EQ(runToEnd({"--trace-buffer-size", "12"}), 2);
+    TCPSocketListen taken("Taken", NetAddress(QHostAddress::LocalHost, 0), 1);
+    EXPECT_EQ(runToEnd({"--port", QString::number(taken.localAddress().getPort())}), 1);
+}
+
+TEST_F(HubProgram, DaemonReturnsOnceListeningAndEndsOnShutdown)
+{
+    const unsigned port = freePort();
+    // The starting process returns only when the daemon listens.
+    ASSERT_EQ(runToEnd({"--daemon", "--port", QString::number(port), "--node", Node, "--machine-id", MachineId}), 0);
+    ASSERT_TRUE(accepts(port));
+
+    HubClient client(port);
+    ASSERT_TRUE(client.start("operator"));
+    ASSERT_TRUE(client.send("3/1", HubMgrShutdownPost::Message));
+    EXPECT_TRUE(client.wait(HubRtrShutdownPost::Message, 5000));
+    client.close();
+    bool gone = false;
+    for (unsigned long long end = steadyMs() + 10000; !gone && steadyMs() < end;)
+        gone = !accepts(port);
+    EXPECT_TRUE(gone);
+}
