@@ -7,14 +7,13 @@
 #include "core/context.h"
 #include "core/trace.h"
 #include "core/xmllist.h"
+#include "core/xmllistiterator.h"
 #include "messaging/binaryaddress.h"
 #include "messaging/msgaddress.h"
 #include "messaging/msgcatalogue.h"
 #include "messaging/msgpacket.h"
 
 #include <boost/make_shared.hpp>
-
-#include <cerrno>
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -44,27 +43,41 @@ T value(const XmlList& body, const QString& key, T fallback = T())
     return result;
 }
 
-// A level from a number or from its name ("TraceDebug"); false otherwise.
+// A level from a number (uint32 or int32, or digits in a string) or from its
+// name ("TraceDebug"); false for anything else or a level above TraceDebug.
+// The item's type is looked at first, so that no get is tried on a wrong one.
 bool traceLevel(const XmlList& body, TraceLevelE& level)
 {
-    unsigned number = 0;
-    int signedNumber = 0;
-    QString text;
-    if (body.get(number, HubMgrGlobalTraceLevelPost::Value)) {
-    } else if (body.get(signedNumber, HubMgrGlobalTraceLevelPost::Value) && signedNumber >= 0) {
-        number = unsigned(signedNumber);
-    } else if (body.get(text, HubMgrGlobalTraceLevelPost::Value)) {
-        static const char* const names[] = {"TraceAlways", "TraceTesting", "TraceNormal", "TraceVerbose", "TraceDebug"};
-        bool isNumber = false;
-        number = text.toUInt(&isNumber);
-        if (!isNumber) {
-            number = TraceLevelNone;
-            for (unsigned i = 0; i <= TraceDebug; ++i)
-                if (text == QLatin1String(names[i]))
-                    number = i;
-        }
-    } else {
+    static const char* const names[] = {"TraceAlways", "TraceTesting", "TraceNormal", "TraceVerbose", "TraceDebug"};
+    const QString& key = HubMgrGlobalTraceLevelPost::Value;
+    const XmlListIterator item = body.first(key);
+    if (item.isNull())
         return false;
+    unsigned number = TraceLevelNone;
+    int signedNumber = -1;
+    QString text;
+    switch (item.type()) {
+    case XmlList::ValueUint32:
+        body.get(number, item);
+        break;
+    case XmlList::ValueInt32:
+        if (body.get(signedNumber, item) && signedNumber >= 0)
+            number = unsigned(signedNumber);
+        break;
+    case XmlList::ValueString:
+        if (body.get(text, item)) {
+            bool isNumber = false;
+            number = text.toUInt(&isNumber);
+            if (!isNumber) {
+                number = TraceLevelNone;
+                for (unsigned i = 0; i <= TraceDebug; ++i)
+                    if (text == QLatin1String(names[i]))
+                        number = i;
+            }
+        }
+        break;
+    default:
+        break;
     }
     if (number > TraceDebug)
         return false;

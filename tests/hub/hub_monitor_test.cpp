@@ -129,12 +129,15 @@ TEST_F(HubMonitor, GlobalTraceLevelIsWrittenIntoEveryBuffer)
             EXPECT_EQ(Trace::getLevel(two.address(), module), TraceLevelE(level)) << module;
         }
     }
-    // A level out of range changes nothing.
+    // A level by its name; a level out of range changes nothing.
+    XmlList named;
+    named.set(HubMgrGlobalTraceLevelPost::Value, QStringLiteral("TraceVerbose"));
+    ASSERT_TRUE(first->send("3/1", HubMgrGlobalTraceLevelPost::Message, named));
     XmlList bad;
     bad.set(HubMgrGlobalTraceLevelPost::Value, 9u);
     ASSERT_TRUE(first->send("3/1", HubMgrGlobalTraceLevelPost::Message, bad));
     ASSERT_TRUE(monitorReply(*first).isValid());
-    EXPECT_EQ(Trace::getLevel(one.address(), TraceModuleMsg), TraceTesting);
+    EXPECT_EQ(Trace::getLevel(one.address(), TraceModuleMsg), TraceVerbose);
 }
 
 TEST_F(HubMonitor, TraceBuffersOutliveTheirProcessesButNotTheHub)
