@@ -52,7 +52,7 @@ private:
 };
 } // namespace
 
-boost::once_flag Msg::moOnce = BOOST_ONCE_INIT;
+std::once_flag Msg::moOnce;
 boost::shared_ptr<Msg::Data>* Msg::mpoInvalid = nullptr;
 
 void Msg::initialize()
@@ -64,7 +64,7 @@ void Msg::initialize()
 
 const boost::shared_ptr<Msg::Data>& Msg::invalidData()
 {
-    boost::call_once(moOnce, &Msg::initialize);
+    std::call_once(moOnce, &Msg::initialize);
     return *mpoInvalid;
 }
 

@@ -17,7 +17,8 @@
 #include <QtGlobal>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/once.hpp>
+
+#include <mutex>
 
 namespace Brevi {
 
@@ -237,7 +238,7 @@ private:
               const QString& name, const XmlList& body, MsgCompression compression);
     void fail(MsgResult error);
 
-    static boost::once_flag moOnce;
+    static std::once_flag moOnce;
     static boost::shared_ptr<Data>* mpoInvalid;
 
     MsgResult meLastError = eMsgResultOk;
