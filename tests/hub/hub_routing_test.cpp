@@ -59,6 +59,16 @@ TEST_F(HubRouting, MessagesReachProcessesByNumberNameAndRoute)
     const QByteArray routed = "4/" + QByteArray::number(beta->processId()) + "/a/a/" + machine().toUtf8();
     ASSERT_TRUE(alpha->send(routed, "Ping", valueBody("by route")));
     EXPECT_EQ(valueOf(beta->wait("Ping", 5000)), "by route");
+    // A broadcast reaches every other process, in its sender's name.
+    XmlList broadcast;
+    broadcast.set(HubRtrBroadcastMessagePost::Name, QStringLiteral("Hello"));
+    broadcast.set(HubRtrBroadcastMessagePost::Body, valueBody("to all"));
+    ASSERT_TRUE(alpha->send(alpha->router(), HubRtrBroadcastMessagePost::Message, broadcast));
+    got = beta->wait("Hello", 5000);
+    EXPECT_EQ(valueOf(got), "to all");
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->source().text().toQByteArray(), alpha->address());
+    EXPECT_FALSE(alpha->wait("Hello", 200));
     // The Hub's own ids reach the Hub, not a process.
     EXPECT_TRUE(
         alpha->request(alpha->manager(), HubMgrMonitorRequest::Message, XmlList(), HubMgrMonitorReply::Message));
