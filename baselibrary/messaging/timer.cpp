@@ -104,6 +104,27 @@ void addEvent(const Msg& message, TimerEvents& events)
                          << "When" << event.muiWhen;
     events.add(event);
 }
+// One message to the timer thread; false when it is to end.
+bool serve(const Msg& message, TimerEvents& events)
+{
+    const QString& name = message.name();
+    if (name == SetPost::Message) {
+        addEvent(message, events);
+    } else if (name == CancelPost::Message) {
+        const QString cancelled = message.getString(CancelPost::Name);
+        BTRACE(TraceNormal) << "Cancel post from" << message.source() << "for" << cancelled;
+        if (!events.remove(message.source(), cancelled))
+            BTRACE(TraceDebug) << "No event of" << cancelled << "to cancel";
+    } else if (name == Catalogue::TimerShutdownPost::Message) {
+        BTRACE(TraceNormal) << "Shutdown post from" << message.source();
+        return false;
+    } else if (name == Catalogue::MsgConnectedPost::Message) {
+        BTRACE(TraceNormal) << message.source() << "has connected" << message.getCookie();
+    } else if (name != Catalogue::TimerSignalPost::Message) {
+        BTRACE(TraceNormal) << "Ignore message" << name << "from" << message.source();
+    }
+    return true;
+}
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -316,8 +337,12 @@ void Timer::run()
     BTRACE(TraceNormal) << "Ready";
 
     TimerEvents events;
-    while (!state.mbStop) {
-        // Everything that is due goes out; then a nap until the next one.
+    bool serving = true;
+    while (serving && !state.mbStop) {
+        // Everything that is due goes out; then a nap until the next one, or
+        // until a message comes.
+        IpcResult result = eIpcResultOk;
+        Msg message;
         while (!events.isEmpty()) {
             const unsigned long long now = Context::systemTime();
             BTRACE(TraceDebug) << events.count() << "events pending at" << now;
@@ -335,37 +360,21 @@ void Timer::run()
                                  << "msec late";
             notify(events.takeFirst(), *messaging, events);
         }
-
-        IpcResult result = eIpcResultOk;
-        Msg message;
         if (events.isEmpty()) {
             BTRACE(TraceDebug) << "Wait for some work";
             message = messaging->receive(result, -1);
         } else {
             message = messaging->receive(result, 0);
         }
-        if (!message) {
-            if (message.lastError() == eMsgResultTimeout)
-                continue;
-            BTRACE(TraceAlways) << "Error receiving messages" << int(message.lastError()) << unsigned(result);
-            break;
-        }
 
-        const QString& name = message.name();
-        if (name == SetPost::Message) {
-            addEvent(message, events);
-        } else if (name == CancelPost::Message) {
-            const QString cancelled = message.getString(CancelPost::Name);
-            BTRACE(TraceNormal) << "Cancel post from" << message.source() << "for" << cancelled;
-            if (!events.remove(message.source(), cancelled))
-                BTRACE(TraceDebug) << "No event of" << cancelled << "to cancel";
-        } else if (name == Catalogue::TimerShutdownPost::Message) {
-            BTRACE(TraceNormal) << "Shutdown post from" << message.source();
-            break;
-        } else if (name == Catalogue::MsgConnectedPost::Message) {
-            BTRACE(TraceNormal) << message.source() << "has connected" << message.getCookie();
-        } else if (name != Catalogue::TimerSignalPost::Message) {
-            BTRACE(TraceNormal) << "Ignore message" << name << "from" << message.source();
+        // Every message already waiting is served before anything more is
+        // fired: when this thread has fallen behind, a replacement or a
+        // cancel that was sent before an event came due still wins over it.
+        for (; message && serving; message = messaging->receive(result, 0))
+            serving = serve(message, events);
+        if (serving && message.lastError() != eMsgResultTimeout) {
+            BTRACE(TraceAlways) << "Error receiving messages" << int(message.lastError()) << unsigned(result);
+            serving = false;
         }
     }
     BTRACE(TraceNormal) << "Timer thread ends, dropping" << events.count() << "pending event(s)";

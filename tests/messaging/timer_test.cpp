@@ -1,7 +1,9 @@
 // The process's timer thread: the order in which events fire, replacement by
-// the same context and name, names per context, cancel, events already due,
-// shutdown; and what it does with callers and posts it cannot serve. Times
-// are tens of milliseconds and every wait is bounded.
+// the same context and name, names and cancel per context, events already
+// due, shutdown; and what it does with callers and posts it cannot serve. Times
+// are a few hundred milliseconds, so that the posts behind an event are read
+// before it is due even on a loaded machine or under a sanitizer; every wait
+// is bounded.
 
 #include "core/context.h"
 #include "messaging/messaging.h"
@@ -57,6 +59,13 @@ QStringList firedUntil(const QString& last, qint64 ms = 5000)
     return fired;
 }
 
+// Timer::set for the moment `when`.
+bool setAt(const QString& name, unsigned long long when, const QString& cookie)
+{
+    const unsigned long long now = Context::systemTime();
+    return Timer::set(name, unsigned(when > now ? when - now : 0), cookie);
+}
+
 // A set post as any context could send it, with the time as given.
 bool postSet(const QString& name, unsigned long long when, const QString& cookie)
 {
@@ -67,74 +76,50 @@ bool postSet(const QString& name, unsigned long long when, const QString& cookie
     return post.send();
 }
 
-// What a worker thread saw; each test starts it afresh.
+// What a worker thread saw.
 QStringList gWorkerFired;
 Gate gWorkerSet;
 
 } // namespace
 
-TEST(Timer, EventsFireInTimeOrderAndEqualTimesInTheOrderSet)
+TEST(Timer, EventsFireInTimeOrderAndASecondSetOfANameMovesItsOneEvent)
 {
     TestHome home;
     ASSERT_TRUE(runStandalone(
         [] {
-            ASSERT_TRUE(Timer::set("Last", 120, "l"));
-            ASSERT_TRUE(Timer::isRunning());
-            const unsigned long long same = Context::systemTime() + 60;
+            const unsigned long long base = Context::systemTime() + 400;
+            ASSERT_TRUE(setAt("Last", base + 300, "l"));
             for (const char* name : {"B1", "B2", "B3"})
-                ASSERT_TRUE(postSet(name, same, name));
-            ASSERT_TRUE(Timer::set("A", 20, "a"));
-            ASSERT_TRUE(Timer::set("C", 90));
-            EXPECT_EQ(firedUntil("Last"), QStringList({"A/a", "B1/B1", "B2/B2", "B3/B3", "C/", "Last/l"}));
+                ASSERT_TRUE(postSet(name, base + 100, name));
+            ASSERT_TRUE(setAt("A", base, "a"));
+            ASSERT_TRUE(setAt("Tick", base + 50, "first"));
+            ASSERT_TRUE(setAt("Tick", base + 200, "second"));
+            EXPECT_EQ(firedUntil("Last"), QStringList({"A/a", "B1/B1", "B2/B2", "B3/B3", "Tick/second", "Last/l"}));
+            EXPECT_GE(Context::systemTime(), base + 300);
             Timer::shutdown();
         },
         "Parent"));
 }
 
-TEST(Timer, SettingANameAgainMovesItsOneEvent)
-{
-    TestHome home;
-    traceEverything(home);
-    ASSERT_TRUE(runStandalone(
-        [] {
-            // Later: the first time passes without a message.
-            ASSERT_TRUE(Timer::set("Tick", 30, "first"));
-            const unsigned long long before = Context::systemTime();
-            ASSERT_TRUE(Timer::set("Tick", 80, "second"));
-            ASSERT_TRUE(Timer::set("Probe", 150));
-            EXPECT_EQ(firedUntil("Tick"), QStringList({"Tick/second"}));
-            EXPECT_GE(Context::systemTime(), before + 80);
-            EXPECT_EQ(firedUntil("Probe"), QStringList({"Probe/"}));
-
-            // Earlier: nothing is left behind at the old time.
-            ASSERT_TRUE(Timer::set("Tock", 60000, "old"));
-            ASSERT_TRUE(Timer::set("Tock", 10, "new"));
-            EXPECT_EQ(firedUntil("Tock"), QStringList({"Tock/new"}));
-            Timer::shutdown();
-        },
-        "Parent"));
-    EXPECT_TRUE(timerTrace(home).contains("dropping 0 pending event(s)")) << timerTrace(home).toStdString();
-}
-
-TEST(Timer, NamesArePerContextAndSoIsCancel)
+TEST(Timer, NamesAndCancelArePerContext)
 {
     TestHome home;
     ASSERT_TRUE(runStandalone(
         [] {
-            ASSERT_TRUE(Timer::set("Tick", 200, "parent"));
             WorkerThread worker(
                 [] {
-                    const bool set = Timer::set("Tick", 300, "worker");
+                    const bool set = Timer::set("Tick", 700, "worker");
                     gWorkerSet.open();
                     if (set)
                         gWorkerFired = firedUntil("Tick");
                 },
                 "Worker");
             ASSERT_TRUE(gWorkerSet.wait());
-            // Behind the worker's set in the timer's queue: it must leave
-            // the worker's Tick alone.
-            ASSERT_TRUE(Timer::cancel("Tick"));
-            ASSERT_TRUE(Timer::set("Probe", 400));
+            // Behind the worker's set in the timer's queue.
+            ASSERT_TRUE(Timer::set("Tick", 400, "parent"));
+            EXPECT_TRUE(Timer::cancel("Tick"));
+            EXPECT_TRUE(Timer::cancel("Unknown"));
+            ASSERT_TRUE(Timer::set("Probe", 500));
             EXPECT_EQ(firedUntil("Probe"), QStringList({"Probe/"}));
             worker.join();
             EXPECT_EQ(gWorkerFired, QStringList({"Tick/worker"}));
@@ -143,34 +128,15 @@ TEST(Timer, NamesArePerContextAndSoIsCancel)
         "Parent"));
 }
 
-TEST(Timer, CancelDropsTheEventAndAnUnknownNameIsNothing)
-{
-    TestHome home;
-    traceEverything(home);
-    ASSERT_TRUE(runStandalone(
-        [] {
-            ASSERT_TRUE(Timer::set("Tick", 30));
-            ASSERT_TRUE(Timer::set("Tock", 40));
-            EXPECT_TRUE(Timer::cancel("Tick"));
-            EXPECT_TRUE(Timer::cancel("Unknown"));
-            ASSERT_TRUE(Timer::set("Probe", 80));
-            EXPECT_EQ(firedUntil("Probe"), QStringList({"Tock/", "Probe/"}));
-            Timer::shutdown();
-        },
-        "Parent"));
-    const QString trace = timerTrace(home);
-    EXPECT_TRUE(trace.contains(QRegularExpression("Cancel post from .* for 'Unknown'"))) << trace.toStdString();
-}
-
 TEST(Timer, AnEventAlreadyDueFiresAtOnceAndTracesItsLateness)
 {
     TestHome home;
     traceEverything(home);
     ASSERT_TRUE(runStandalone(
         [] {
-            ASSERT_TRUE(Timer::set("Now", 0, "zero"));
+            ASSERT_TRUE(Timer::set("Later", 60000));
             ASSERT_TRUE(postSet("Past", Context::systemTime() - 500, "p"));
-            EXPECT_EQ(firedUntil("Past", 2000), QStringList({"Now/zero", "Past/p"}));
+            EXPECT_EQ(firedUntil("Past", 2000), QStringList({"Past/p"}));
             Timer::shutdown();
         },
         "Parent"));
@@ -185,24 +151,22 @@ TEST(Timer, ShutdownJoinsTheThreadAndTheTimerStaysDown)
 {
     TestHome home;
     traceEverything(home);
+    Timer::shutdown(); // no timer yet: nothing to do
     ASSERT_TRUE(runStandalone(
         [] {
             const TracePosition start(true);
             ASSERT_TRUE(Timer::set("Far", 60000));
             const MsgAddress timer = Timer::address();
-            ASSERT_TRUE(timer);
             Timer::shutdown();
             EXPECT_FALSE(Timer::isRunning());
             EXPECT_FALSE(Timer::address());
             EXPECT_FALSE(Msg(timer, "AnyonePost").send()) << "the timer's queue is gone";
-
             EXPECT_FALSE(Timer::set("Far", 10));
             EXPECT_FALSE(Timer::cancel("Far"));
             Timer::shutdown();
             const QStringList lines = tracedSince(start);
             EXPECT_EQ(lines.filter("Timer thread has been shut down").size(), 1) << lines.join('\n').toStdString();
             EXPECT_EQ(lines.filter("No timer thread, nothing to cancel for").size(), 1);
-            EXPECT_EQ(lines.filter("Timer thread has already shut down").size(), 1);
         },
         "Parent"));
     const QString trace = timerTrace(home);
@@ -212,35 +176,23 @@ TEST(Timer, ShutdownJoinsTheThreadAndTheTimerStaysDown)
     EXPECT_TRUE(trace.trimmed().endsWith("Disable trace"));
 }
 
-TEST(Timer, ShutdownWithoutATimerIsHarmlessAndAThreadWithoutMessagingCanStopIt)
-{
-    TestHome home;
-    Timer::shutdown();
-    ASSERT_TRUE(runStandalone(
-        [] {
-            Timer::shutdown();
-            ASSERT_TRUE(Timer::set("Tick", 10));
-            EXPECT_EQ(firedUntil("Tick"), QStringList({"Tick/"}));
-            std::thread([] { Timer::shutdown(); }).join();
-            EXPECT_FALSE(Timer::isRunning());
-        },
-        "Parent"));
-    EXPECT_TRUE(timerTrace(home).contains("Timer thread ends"));
-}
-
 TEST(TimerBadInput, AnEventForAContextThatHasGoneIsDropped)
 {
     TestHome home;
     ASSERT_TRUE(runStandalone(
         [] {
-            ASSERT_TRUE(Timer::set("Probe", 400));
+            ASSERT_TRUE(Timer::set("Probe", 60000));
             WorkerThread worker(
                 [] {
-                    EXPECT_TRUE(Timer::set("Tick", 200, "gone"));
-                    EXPECT_TRUE(Timer::set("Tock", 250, "gone"));
+                    // Tock first, so that it is in the list when Tick fires.
+                    EXPECT_TRUE(Timer::set("Tock", 650, "gone"));
+                    EXPECT_TRUE(Timer::set("Tick", 600, "gone"));
                 },
                 "Worker");
             worker.join();
+            // Due after the worker's events: the timer is still there for
+            // those who are.
+            ASSERT_TRUE(Timer::set("Probe", 700));
             EXPECT_EQ(firedUntil("Probe"), QStringList({"Probe/"}));
             Timer::shutdown();
         },
@@ -281,7 +233,7 @@ TEST(TimerBadInput, TheThreadIgnoresWhatItCannotUse)
     traceEverything(home);
     ASSERT_TRUE(runStandalone(
         [] {
-            ASSERT_TRUE(Timer::set("Probe", 5000));
+            ASSERT_TRUE(Timer::set("Probe", 60000));
             ASSERT_TRUE(postSet("", Context::systemTime(), "nameless"));
             Msg timeless(Timer::address(), SetPost::Message);
             timeless.set(SetPost::Name, QStringLiteral("Timeless"));
@@ -299,5 +251,4 @@ TEST(TimerBadInput, TheThreadIgnoresWhatItCannotUse)
     EXPECT_TRUE(trace.contains("No time supplied for 'Timeless'"));
     EXPECT_TRUE(trace.contains("Ignore message 'StrangePost' from"));
     EXPECT_FALSE(trace.contains("Ignore message 'TimerSignalPost'"));
-    EXPECT_TRUE(trace.contains("has connected 'Hello'"));
 }
