@@ -370,8 +370,11 @@ void Timer::run()
         // Every message already waiting is served before anything more is
         // fired: when this thread has fallen behind, a replacement or a
         // cancel that was sent before an event came due still wins over it.
-        for (; message && serving; message = messaging->receive(result, 0))
+        while (message && serving) {
             serving = serve(message, events);
+            if (serving)
+                message = messaging->receive(result, 0);
+        }
         if (serving && message.lastError() != eMsgResultTimeout) {
             BTRACE(TraceAlways) << "Error receiving messages" << int(message.lastError()) << unsigned(result);
             serving = false;
