@@ -153,7 +153,8 @@ bool Messaging::sendToQueue(const Msg& message, bool once, bool& found)
     return false;
 }
 
-bool Messaging::send(const Msg& message)
+// Whether a message may go out at all; says why not.
+bool Messaging::sendable(const Msg& message) const
 {
     if (!message) {
         BTRACE(TraceAlways) << "Invalid message" << int(message.lastError());
@@ -163,6 +164,13 @@ bool Messaging::send(const Msg& message)
         BTRACE(TraceNormal) << "Messaging is disabled, cannot send" << message.name();
         return false;
     }
+    return true;
+}
+
+bool Messaging::send(const Msg& message)
+{
+    if (!sendable(message))
+        return false;
     if (message.destination() == moAddress) {
         BTRACE(TraceDebug) << "Loopback" << message.name();
         moReceiveQueue.enqueue(message);
@@ -191,14 +199,8 @@ bool Messaging::send(const Msg& message, bool flush)
 
 bool Messaging::sendOnce(const Msg& message)
 {
-    if (!message) {
-        BTRACE(TraceAlways) << "Invalid message" << int(message.lastError());
+    if (!sendable(message))
         return false;
-    }
-    if (mbDisabled) {
-        BTRACE(TraceNormal) << "Messaging is disabled, cannot send" << message.name();
-        return false;
-    }
     if (message.destination() == moAddress) {
         BTRACE(TraceDebug) << "Loopback" << message.name();
         return moReceiveQueue.enqueueOnce(message);

@@ -224,6 +224,7 @@ private:
     // Takes a log message of a thread this context is log proxy for; true
     // when it was one.
     bool proxyLog(const Msg& message);
+    bool sendable(const Msg& message) const;
     bool sendToQueue(const Msg& message, bool once, bool& found);
     QByteArray binary(const Authorization& authorization) const;
 
