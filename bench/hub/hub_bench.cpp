@@ -1,10 +1,14 @@
 // Round trips of a small message between two processes on loopback: through
 // the real Hub (which frames each packet, reads its destination and queues it
 // on the other link), and, beside it, the same bytes through a minimal relay
-// process that only copies bytes from one socket to the other. Both ends are
-// driven from this one thread, each wait bounded; items_per_second is round
-// trips per second (two packets through the middle each). The Stream cases
-// send messages one way in batches of 64, items_per_second being messages.
+// process that only copies bytes from one socket to the other, and the same
+// bytes as one ZeroMQ message each through a ROUTER/DEALER proxy (zmq_proxy)
+// in a process of its own: REQ to the ROUTER, REP at the DEALER for round
+// trips, DEALER to DEALER for one-way messages. Both ends are driven from
+// this one thread, each wait bounded; items_per_second is round trips per
+// second (two messages through the middle each). The Stream cases send
+// messages one way in batches of 64, at most 16 ahead of the receiver,
+// items_per_second being messages.
 //
 //   build-*/bench/hub/hub_bench
 #include "messaging/binaryaddress.h"
@@ -30,6 +34,10 @@
 #include <thread>
 #include <vector>
 
+#ifdef HUB_BENCH_ZMQ
+#include <zmq.h>
+#endif
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -42,6 +50,7 @@ namespace {
 
 const int WaitMs = 5000;
 const int Batch = 64;
+const int Ahead = 16;
 
 // One end: a socket with the two packet machines, used blocking.
 struct End {
@@ -232,7 +241,7 @@ void stream(benchmark::State& state, End& a, End& b, const boost::shared_ptr<Ipc
         int sent = 0;
         int received = 0;
         while (received < Batch) {
-            while (sent < Batch && sent - received < 16 && a.send(packet))
+            while (sent < Batch && sent - received < Ahead && a.send(packet))
                 ++sent;
             if (!b.receive()) {
                 state.SkipWithError("a message was lost");
@@ -296,11 +305,193 @@ void RelayStream(benchmark::State& state)
     stream(state, a, b, message("1/17/bench@0", "1/16/bench@0", "BenchPing", smallBody()));
 }
 
+#ifdef HUB_BENCH_ZMQ
+// The broker: a process that binds a ROUTER and a DEALER on loopback ports
+// of the system's choosing, tells them through a pipe, and runs zmq_proxy
+// between them until it is killed. It is started before this process makes
+// a ZeroMQ context of its own, so that nothing of one is copied by fork.
+class ZmqBroker
+{
+public:
+    ZmqBroker()
+    {
+        int fds[2];
+        if (::pipe(fds) != 0)
+            return;
+        miPid = ::fork();
+        if (miPid == 0) {
+            ::close(fds[0]);
+            ::_exit(serve(fds[1]));
+        }
+        ::close(fds[1]);
+        char text[256] = {};
+        size_t got = 0;
+        for (ssize_t n; got < sizeof(text) - 1 && (n = ::read(fds[0], text + got, sizeof(text) - 1 - got)) > 0;)
+            got += size_t(n);
+        ::close(fds[0]);
+        const QList<QByteArray> endpoints = QByteArray(text, int(got)).split('\n');
+        if (endpoints.size() >= 2) {
+            frontend = endpoints[0];
+            backend = endpoints[1];
+        }
+    }
+    ~ZmqBroker()
+    {
+        if (miPid > 0) {
+            ::kill(miPid, SIGKILL);
+            ::waitpid(miPid, nullptr, 0);
+        }
+    }
+    bool valid() const { return !frontend.isEmpty() && !backend.isEmpty(); }
+
+    QByteArray frontend;
+    QByteArray backend;
+
+private:
+    static int serve(int report)
+    {
+        void* context = zmq_ctx_new();
+        void* router = zmq_socket(context, ZMQ_ROUTER);
+        void* dealer = zmq_socket(context, ZMQ_DEALER);
+        if (zmq_bind(router, "tcp://127.0.0.1:*") != 0 || zmq_bind(dealer, "tcp://127.0.0.1:*") != 0)
+            return 1;
+        char front[128] = {};
+        char back[128] = {};
+        size_t size = sizeof(front);
+        zmq_getsockopt(router, ZMQ_LAST_ENDPOINT, front, &size);
+        size = sizeof(back);
+        zmq_getsockopt(dealer, ZMQ_LAST_ENDPOINT, back, &size);
+        const QByteArray text = QByteArray(front) + '\n' + QByteArray(back) + '\n';
+        if (::write(report, text.constData(), size_t(text.size())) != text.size())
+            return 1;
+        ::close(report);
+        zmq_proxy(router, dealer, nullptr);
+        return 0;
+    }
+
+    pid_t miPid = -1;
+};
+
+// This process's two ends on the broker, with bounded waits; the context
+// goes with them.
+class ZmqEnds
+{
+public:
+    ZmqEnds(const ZmqBroker& broker, int frontType, int backType)
+        : mpContext(zmq_ctx_new())
+        , mpFront(open(frontType, broker.frontend))
+        , mpBack(open(backType, broker.backend))
+        , moBuffer(IpcPacketLayout::InitialMaximumSize)
+    {}
+    ~ZmqEnds()
+    {
+        zmq_close(mpFront);
+        zmq_close(mpBack);
+        zmq_ctx_term(mpContext);
+    }
+
+    void* front() const { return mpFront; }
+    void* back() const { return mpBack; }
+
+    // Sends `bytes` as one message.
+    static bool send(void* socket, const QByteArray& bytes)
+    {
+        return zmq_send(socket, bytes.constData(), size_t(bytes.size()), 0) == bytes.size();
+    }
+    // Receives one message of `size` bytes; with `routed`, the identity
+    // frame the ROUTER put in front of it first.
+    bool receive(void* socket, int size, bool routed = false)
+    {
+        if (routed) {
+            int more = 0;
+            size_t length = sizeof(more);
+            if (zmq_recv(socket, moBuffer.data(), moBuffer.size(), 0) < 0 ||
+                zmq_getsockopt(socket, ZMQ_RCVMORE, &more, &length) != 0 || !more)
+                return false;
+        }
+        return zmq_recv(socket, moBuffer.data(), moBuffer.size(), 0) == size;
+    }
+
+private:
+    void* open(int type, const QByteArray& endpoint)
+    {
+        void* socket = zmq_socket(mpContext, type);
+        const int linger = 0;
+        zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof(linger));
+        zmq_setsockopt(socket, ZMQ_RCVTIMEO, &WaitMs, sizeof(WaitMs));
+        zmq_setsockopt(socket, ZMQ_SNDTIMEO, &WaitMs, sizeof(WaitMs));
+        zmq_connect(socket, endpoint.constData());
+        return socket;
+    }
+
+    void* mpContext;
+    void* mpFront;
+    void* mpBack;
+    std::vector<char> moBuffer;
+};
+
+QByteArray bytes(const boost::shared_ptr<IpcPacket>& packet) { return packet->buffer().toQByteArray(); }
+
+void ZmqRoundTrip(benchmark::State& state)
+{
+    ZmqBroker broker;
+    if (!broker.valid()) {
+        state.SkipWithError("the ZeroMQ broker did not start");
+        return;
+    }
+    ZmqEnds ends(broker, ZMQ_REQ, ZMQ_REP);
+    const QByteArray ping = bytes(message("1/17/bench@0", "1/16/bench@0", "BenchPing", smallBody()));
+    const QByteArray pong = bytes(message("1/16/bench@0", "1/17/bench@0", "BenchPong", smallBody()));
+    for (auto _ : state) {
+        if (!ends.send(ends.front(), ping) || !ends.receive(ends.back(), ping.size()) ||
+            !ends.send(ends.back(), pong) || !ends.receive(ends.front(), pong.size())) {
+            state.SkipWithError("a round trip failed");
+            return;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+void ZmqStream(benchmark::State& state)
+{
+    ZmqBroker broker;
+    if (!broker.valid()) {
+        state.SkipWithError("the ZeroMQ broker did not start");
+        return;
+    }
+    ZmqEnds ends(broker, ZMQ_DEALER, ZMQ_DEALER);
+    const QByteArray ping = bytes(message("1/17/bench@0", "1/16/bench@0", "BenchPing", smallBody()));
+    // The first message waits for both connections; it is not counted.
+    if (!ends.send(ends.front(), ping) || !ends.receive(ends.back(), ping.size(), true)) {
+        state.SkipWithError("the ZeroMQ ends did not connect");
+        return;
+    }
+    for (auto _ : state) {
+        int sent = 0;
+        int received = 0;
+        while (received < Batch) {
+            while (sent < Batch && sent - received < Ahead && ends.send(ends.front(), ping))
+                ++sent;
+            if (!ends.receive(ends.back(), ping.size(), true)) {
+                state.SkipWithError("a message was lost");
+                return;
+            }
+            ++received;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * Batch);
+}
+#endif
+
 } // namespace
 
 BENCHMARK(HubRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(RelayRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(HubStream)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(RelayStream)->Unit(benchmark::kMicrosecond)->UseRealTime();
+#ifdef HUB_BENCH_ZMQ
+BENCHMARK(ZmqRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(ZmqStream)->Unit(benchmark::kMicrosecond)->UseRealTime();
+#endif
 
 BENCHMARK_MAIN();
