@@ -8,7 +8,9 @@
 // this one thread, each wait bounded; items_per_second is round trips per
 // second (two messages through the middle each). The Stream cases send
 // messages one way in batches of 64, at most 16 ahead of the receiver,
-// items_per_second being messages.
+// items_per_second being messages. The counter middle_us is the CPU time
+// the process in the middle spent per item, which a loaded machine changes
+// far less than the rates.
 //
 //   build-*/bench/hub/hub_bench
 #include "messaging/binaryaddress.h"
@@ -41,6 +43,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 using namespace Brevi;
@@ -161,6 +164,7 @@ public:
     }
 
     unsigned port = 0;
+    pid_t pid() const { return miPid; }
 
 private:
     QTemporaryDir moHome;
@@ -185,6 +189,7 @@ public:
         ::waitpid(miPid, nullptr, 0);
     }
     unsigned port = 0;
+    pid_t pid() const { return miPid; }
 
 private:
     static int relay(TCPSocketListen& listener)
@@ -221,9 +226,40 @@ private:
     pid_t miPid = -1;
 };
 
-void roundTrips(benchmark::State& state, End& a, End& b, const boost::shared_ptr<IpcPacket>& ping,
+// The CPU time that the process in the middle spends per item, all its
+// threads counted, as the counter "middle_us": unlike the rate, it hardly
+// moves when other work shares the machine.
+class MiddleCpu
+{
+public:
+    explicit MiddleCpu(pid_t pid)
+    {
+        if (::clock_getcpuclockid(pid, &moClock) == 0)
+            miStart = now();
+    }
+    void report(benchmark::State& state, int64_t items) const
+    {
+        const long long end = now();
+        if (miStart >= 0 && end >= miStart && items > 0)
+            state.counters["middle_us"] = double(end - miStart) / 1000.0 / double(items);
+    }
+
+private:
+    long long now() const
+    {
+        timespec time;
+        if (::clock_gettime(moClock, &time) != 0)
+            return -1;
+        return (long long)(time.tv_sec) * 1000000000LL + time.tv_nsec;
+    }
+    clockid_t moClock = 0;
+    long long miStart = -1;
+};
+
+void roundTrips(benchmark::State& state, pid_t middle, End& a, End& b, const boost::shared_ptr<IpcPacket>& ping,
                 const boost::shared_ptr<IpcPacket>& pong)
 {
+    const MiddleCpu cpu(middle);
     for (auto _ : state) {
         if (!a.send(ping) || !b.receive() || !b.send(pong) || !a.receive()) {
             state.SkipWithError("a round trip failed");
@@ -231,10 +267,12 @@ void roundTrips(benchmark::State& state, End& a, End& b, const boost::shared_ptr
         }
     }
     state.SetItemsProcessed(state.iterations());
+    cpu.report(state, state.iterations());
 }
 
-void stream(benchmark::State& state, End& a, End& b, const boost::shared_ptr<IpcPacket>& packet)
+void stream(benchmark::State& state, pid_t middle, End& a, End& b, const boost::shared_ptr<IpcPacket>& packet)
 {
+    const MiddleCpu cpu(middle);
     for (auto _ : state) {
         // The receiver reads as the sender writes, so that neither side's
         // buffers fill and stall the other.
@@ -251,6 +289,7 @@ void stream(benchmark::State& state, End& a, End& b, const boost::shared_ptr<Ipc
         }
     }
     state.SetItemsProcessed(state.iterations() * Batch);
+    cpu.report(state, state.iterations() * Batch);
 }
 
 void HubRoundTrip(benchmark::State& state)
@@ -263,7 +302,7 @@ void HubRoundTrip(benchmark::State& state)
         state.SkipWithError("the Hub did not attach the ends");
         return;
     }
-    roundTrips(state, a, b, message(addressB, addressA, "BenchPing", smallBody()),
+    roundTrips(state, hub.pid(), a, b, message(addressB, addressA, "BenchPing", smallBody()),
                message(addressA, addressB, "BenchPong", smallBody()));
 }
 
@@ -277,7 +316,7 @@ void RelayRoundTrip(benchmark::State& state)
     }
     const QByteArray addressA = "1/16/bench@0";
     const QByteArray addressB = "1/17/bench@0";
-    roundTrips(state, a, b, message(addressB, addressA, "BenchPing", smallBody()),
+    roundTrips(state, relay.pid(), a, b, message(addressB, addressA, "BenchPing", smallBody()),
                message(addressA, addressB, "BenchPong", smallBody()));
 }
 
@@ -291,7 +330,7 @@ void HubStream(benchmark::State& state)
         state.SkipWithError("the Hub did not attach the ends");
         return;
     }
-    stream(state, a, b, message(addressB, addressA, "BenchPing", smallBody()));
+    stream(state, hub.pid(), a, b, message(addressB, addressA, "BenchPing", smallBody()));
 }
 
 void RelayStream(benchmark::State& state)
@@ -302,7 +341,7 @@ void RelayStream(benchmark::State& state)
         state.SkipWithError("the relay did not take the ends");
         return;
     }
-    stream(state, a, b, message("1/17/bench@0", "1/16/bench@0", "BenchPing", smallBody()));
+    stream(state, relay.pid(), a, b, message("1/17/bench@0", "1/16/bench@0", "BenchPing", smallBody()));
 }
 
 #ifdef HUB_BENCH_ZMQ
@@ -343,6 +382,7 @@ public:
         }
     }
     bool valid() const { return !frontend.isEmpty() && !backend.isEmpty(); }
+    pid_t pid() const { return miPid; }
 
     QByteArray frontend;
     QByteArray backend;
@@ -442,6 +482,13 @@ void ZmqRoundTrip(benchmark::State& state)
     ZmqEnds ends(broker, ZMQ_REQ, ZMQ_REP);
     const QByteArray ping = bytes(message("1/17/bench@0", "1/16/bench@0", "BenchPing", smallBody()));
     const QByteArray pong = bytes(message("1/16/bench@0", "1/17/bench@0", "BenchPong", smallBody()));
+    // The first round trip waits for both connections; it is not counted.
+    if (!ends.send(ends.front(), ping) || !ends.receive(ends.back(), ping.size()) || !ends.send(ends.back(), pong) ||
+        !ends.receive(ends.front(), pong.size())) {
+        state.SkipWithError("the ZeroMQ ends did not connect");
+        return;
+    }
+    const MiddleCpu cpu(broker.pid());
     for (auto _ : state) {
         if (!ends.send(ends.front(), ping) || !ends.receive(ends.back(), ping.size()) ||
             !ends.send(ends.back(), pong) || !ends.receive(ends.front(), pong.size())) {
@@ -450,6 +497,7 @@ void ZmqRoundTrip(benchmark::State& state)
         }
     }
     state.SetItemsProcessed(state.iterations());
+    cpu.report(state, state.iterations());
 }
 
 void ZmqStream(benchmark::State& state)
@@ -466,6 +514,7 @@ void ZmqStream(benchmark::State& state)
         state.SkipWithError("the ZeroMQ ends did not connect");
         return;
     }
+    const MiddleCpu cpu(broker.pid());
     for (auto _ : state) {
         int sent = 0;
         int received = 0;
@@ -480,6 +529,7 @@ void ZmqStream(benchmark::State& state)
         }
     }
     state.SetItemsProcessed(state.iterations() * Batch);
+    cpu.report(state, state.iterations() * Batch);
 }
 #endif
 

@@ -45,6 +45,9 @@ const unsigned TimerCheckMs = 20;
 const unsigned MonitorCheckMs = 250;
 // Before another attempt to listen after the listener failed.
 const unsigned RelistenMs = 1000;
+// Packets for a link gather until the end of the turn, so that they leave in
+// one write; this many bytes are written at once.
+const unsigned long long WriteAtBytes = 64 * 1024;
 
 const char* failureText(IpcResult result)
 {
@@ -129,8 +132,7 @@ void Hub::sendAs(HubLink& link, const QByteArray& source, const QByteArray& dest
         return;
     }
     BTRACE(TraceDebug) << "Send" << name << "to" << destination << "on link" << link.serial();
-    link.enqueue(packet, now());
-    write(link);
+    queue(link, packet);
 }
 
 void Hub::send(HubLink& link, unsigned service, const QByteArray& destination, const QString& name,
@@ -167,6 +169,24 @@ void Hub::deliverReady(const std::vector<Notifications::Post>& posts)
             body.set(HubRtrProcessReadyPost::Success, item.success);
             post(*watcher, HubConstants::RouterId, HubRtrProcessReadyPost::Message, body);
         }
+}
+
+void Hub::queue(HubLink& link, const boost::shared_ptr<IpcPacket>& packet)
+{
+    link.enqueue(packet, now());
+    if (link.queuedBytes() > moOptions.maximumQueueBytes)
+        link.fail("send queue over its maximum: the process does not read");
+    else if (!link.blocked() && link.queuedBytes() >= WriteAtBytes)
+        write(link);
+}
+
+void Hub::writeQueued()
+{
+    for (auto& item : moLinks) {
+        HubLink& link = *item.second;
+        if (link.wantsWrite() && !link.blocked())
+            write(link);
+    }
 }
 
 void Hub::write(HubLink& link)
@@ -223,8 +243,7 @@ void Hub::forward(HubLink& from, const ProcessPointer& to, const boost::shared_p
         return undeliverable(from, packet, "the process is leaving");
     if (!target->enabled() && packet->size() > HubConstants::UnenabledMaximumSize)
         return undeliverable(from, packet, "too large for a connection not yet enabled");
-    target->enqueue(packet, now());
-    write(*target);
+    queue(*target, packet);
     if (!target->failed() && target->queuedBytes() > moOptions.pauseQueueBytes && target != &from) {
         BTRACE(TraceVerbose) << "Link" << from.serial() << "paused: link" << target->serial() << "holds"
                              << target->queuedBytes() << "bytes";
@@ -513,6 +532,7 @@ int Hub::run()
         if (listenerReady)
             accept();
         checkTimers();
+        writeQueued();
     }
 
     BTRACE(TraceAlways) << "Hub stops with" << unsigned(moLinks.size()) << "links";

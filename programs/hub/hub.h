@@ -37,10 +37,11 @@ class TCPSocketSelect;
 // Each turn of the loop waits for the listener and every link (reading, and
 // writing where packets wait), accepts new links, takes the packets that have
 // come whole, and routes each at once: to the Hub's manager and router
-// (HubManager), or into the queue of the destination's link, which is then
-// written as far as the socket takes it. Whatever cannot be delivered goes
-// back to its sender as HubRtrUndeliverableMessagePost or
-// HubRtrUndeliverableDataPost.
+// (HubManager), or into the queue of the destination's link. At the end of
+// the turn each link's queue is written as far as its socket takes it, all
+// its packets in one write (sooner once 64 KiB have gathered). Whatever
+// cannot be delivered goes back to its sender as
+// HubRtrUndeliverableMessagePost or HubRtrUndeliverableDataPost.
 //
 // A link that misbehaves costs only itself: a framing error, a close in
 // mid-packet, a packet too large, a link that does not attach in time, one
@@ -113,7 +114,11 @@ private:
     void handlePacket(HubLink& link, const boost::shared_ptr<IpcPacket>& packet);
     void forward(HubLink& from, const ProcessPointer& to, const boost::shared_ptr<IpcPacket>& packet);
     void undeliverable(HubLink& from, const boost::shared_ptr<IpcPacket>& packet, const char* reason);
+    // Queues a packet on a link; a queue over the maximum fails the link.
+    void queue(HubLink& link, const boost::shared_ptr<IpcPacket>& packet);
     void write(HubLink& link);
+    // Writes every queue that has packets and a socket not known to be full.
+    void writeQueued();
     void checkTimers();
     void checkMonitored();
     void sweep();

@@ -1,20 +1,32 @@
 #include "hublink.h"
 
 #include "core/trace.h"
+#include "core/traceerrorcode.h"
 #include "messaging/ipcpacket.h"
+#include "sockets/tcperrortable.h"
 #include "sockets/tcpsocketdata.h"
+
+#include <cerrno>
+
+#include <sys/socket.h>
+#include <sys/uio.h>
 
 namespace Brevi {
 
 namespace {
 const unsigned TraceModule = TraceModuleHub;
+
+// One gathered write takes at most this many packets, and stops adding
+// packets once it holds this many bytes: about what a socket's send buffer
+// takes at once.
+const unsigned GatherPackets = 64;
+const size_t GatherBytes = 256 * 1024;
 } // namespace
 
 HubLink::HubLink(unsigned serial, const boost::shared_ptr<TCPSocketData>& socket, unsigned long long now)
     : muiSerial(serial)
     , mptSocket(socket)
     , moReceive(socket)
-    , moSend(socket)
     , muiLastProgress(now)
     , muiCreatedAt(now)
 {}
@@ -31,41 +43,74 @@ IpcResult HubLink::receive(boost::shared_ptr<IpcPacket>& packet, unsigned packet
 
 void HubLink::enqueue(const boost::shared_ptr<IpcPacket>& packet, unsigned long long now)
 {
+    const Extent bytes = packet->buffer();
+    if (!bytes.size())
+        // An empty packet never gets here; if one did, it must not block the
+        // queue behind it.
+        return;
     if (moQueue.empty()) {
         // The wait for the socket starts now, not when it last took bytes.
         muiLastProgress = now;
-        muiFrontRemaining = packet->size();
+        muiFrontWritten = 0;
     }
-    moQueue.push_back(Queued{packet, packet->size()});
-    muiQueuedBytes += packet->size();
+    moQueue.push_back(Queued{packet, bytes});
+    muiQueuedBytes += bytes.size();
 }
 
 IpcResult HubLink::flush(unsigned long long now)
 {
+    mbBlocked = false;
+    if (failed() || !mptSocket || !mptSocket->isValid())
+        return moQueue.empty() ? eIpcResultOk : eIpcResultClosed;
     while (!moQueue.empty()) {
-        if (!moSend.pending()) {
-            if (!moSend.set(moQueue.front().packet)) {
-                // An empty packet never gets here; if one did, it must not
-                // block the queue behind it.
-                muiQueuedBytes -= moQueue.front().size;
-                moQueue.pop_front();
+        iovec parts[GatherPackets];
+        unsigned count = 0;
+        size_t total = 0;
+        for (auto it = moQueue.begin(); it != moQueue.end() && count < GatherPackets && total < GatherBytes; ++it) {
+            const unsigned skip = count ? 0 : muiFrontWritten;
+            parts[count].iov_base = it->bytes.data() + skip;
+            parts[count].iov_len = it->bytes.size() - skip;
+            total += parts[count].iov_len;
+            ++count;
+        }
+        msghdr message = {};
+        message.msg_iov = parts;
+        message.msg_iovlen = count;
+        // MSG_NOSIGNAL: a process that has gone is a failed write, never a
+        // SIGPIPE that ends the Hub.
+        const ssize_t sent = ::sendmsg(mptSocket->socket(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0) {
+            const int error = errno;
+            const TCPErrorTable::Effect effect = TCPErrorTable::send(error);
+            if (error == EINTR)
                 continue;
+            if (!effect.fatal) {
+                mbBlocked = true;
+                return eIpcResultAgain;
             }
-            muiFrontRemaining = moSend.remaining();
-        }
-        const IpcResult result = moSend.send();
-        const unsigned remaining = moSend.pending() ? moSend.remaining() : 0;
-        if (remaining < muiFrontRemaining)
-            muiLastProgress = now;
-        if (result == eIpcResultAgain) {
-            muiFrontRemaining = remaining;
-            return result;
-        }
-        if (result != eIpcResultOk)
+            BTRACE(TraceNormal) << "Write to link" << muiSerial << "failed" << TraceErrorCode(error);
             return eIpcResultClosed;
-        muiQueuedBytes -= moQueue.front().size;
-        moQueue.pop_front();
-        muiFrontRemaining = moQueue.empty() ? 0 : moQueue.front().size;
+        }
+        if (sent == 0)
+            return eIpcResultClosed;
+        muiLastProgress = now;
+        muiQueuedBytes -= size_t(sent);
+        for (size_t left = size_t(sent); left;) {
+            Queued& front = moQueue.front();
+            const size_t rest = front.bytes.size() - muiFrontWritten;
+            if (left < rest) {
+                muiFrontWritten += unsigned(left);
+                break;
+            }
+            left -= rest;
+            front.packet->transmitted();
+            moQueue.pop_front();
+            muiFrontWritten = 0;
+        }
+        if (size_t(sent) < total) {
+            mbBlocked = true;
+            return eIpcResultAgain;
+        }
     }
     return eIpcResultOk;
 }

@@ -1,8 +1,8 @@
 #ifndef PROGRAMS_HUB_HUBLINK_H
 #define PROGRAMS_HUB_HUBLINK_H
 
+#include "core/extent.h"
 #include "messaging/ipcpacketreceive.h"
-#include "messaging/ipcpacketsend.h"
 #include "messaging/ipcresult.h"
 
 #include <boost/shared_ptr.hpp>
@@ -23,6 +23,10 @@ class TCPSocketData;
 // the rest for when it is writable again. A process that reads slowly thus
 // costs the Hub queue memory, never time, and the Hub holds that memory to
 // the limits its owner checks (queuedBytes, stalledFor).
+//
+// `flush` hands the socket as many queued packets as it has in one gathered
+// write: a stream of small messages to one process costs the Hub one system
+// call per turn of its loop, not one per message.
 //
 // A link fails for good (`failed`) when the socket does: a read or write
 // error, the peer's close, or a framing error (bad magic, a size out of
@@ -58,6 +62,9 @@ public:
     // failed.
     IpcResult flush(unsigned long long now);
     bool wantsWrite() const { return !moQueue.empty(); }
+    // The last flush left bytes the socket would not take: writing again is
+    // for when a wait finds it writable.
+    bool blocked() const { return mbBlocked; }
     // Bytes queued and not yet written.
     unsigned long long queuedBytes() const { return muiQueuedBytes; }
     // How long bytes have waited without the socket taking any; 0 with an
@@ -97,18 +104,18 @@ private:
     unsigned muiSerial;
     boost::shared_ptr<TCPSocketData> mptSocket;
     IpcPacketReceive moReceive;
-    IpcPacketSend moSend;
-    // A packet with its size as queued: a data packet forgets its size once
-    // it has been sent, so the count of queued bytes cannot ask it again.
+    // A packet with its bytes as queued: a data packet forgets its size once
+    // it has been sent, so neither the write nor the count of queued bytes
+    // may ask it again.
     struct Queued {
         boost::shared_ptr<IpcPacket> packet;
-        unsigned size;
+        Extent bytes;
     };
     std::deque<Queued> moQueue;
     unsigned long long muiQueuedBytes = 0;
-    // The bytes of the queue's first packet still to go when last looked at,
-    // and when the socket last took some (or the queue last became busy).
-    unsigned muiFrontRemaining = 0;
+    // The bytes of the queue's first packet already written, and when the
+    // socket last took some (or the queue last became busy).
+    unsigned muiFrontWritten = 0;
     unsigned long long muiLastProgress = 0;
     unsigned long long muiCreatedAt = 0;
     unsigned muiProcessId = 0;
@@ -116,6 +123,7 @@ private:
     const char* mpFailReason = nullptr;
     bool mbEnabled = false;
     bool mbClosing = false;
+    bool mbBlocked = false;
 };
 
 } // namespace Brevi
