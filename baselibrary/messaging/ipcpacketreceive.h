@@ -83,6 +83,15 @@ public:
     void setMaximumSize(unsigned size) { muiMaximumSize = size; }
     unsigned maximumSize() const { return muiMaximumSize; }
 
+    // Bytes still to come of the packet in progress (of its header while that
+    // is incomplete); 0 between packets and once a packet is complete. A
+    // value that stays put while the peer sends nothing is a peer stopped
+    // in mid-packet.
+    unsigned missing() const
+    {
+        return mptPacket ? moRemaining.available() : (muiHeaderFill ? IpcPacketLayout::HeaderSize - muiHeaderFill : 0);
+    }
+
     // Bytes read from the socket ahead of the packet in hand. A poll on the
     // socket cannot see them, which is why receive() is to be called until
     // it gives something other than eIpcResultOk.

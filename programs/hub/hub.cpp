@@ -326,9 +326,10 @@ bool Hub::paused(HubLink& link)
 
 void Hub::serve(HubLink& link)
 {
+    const unsigned long long time = now();
     for (unsigned i = 0; i < PacketsPerTurn && !link.failed() && !paused(link); ++i) {
         boost::shared_ptr<IpcPacket> packet;
-        const IpcResult result = link.receive(packet, muiNextPacket++);
+        const IpcResult result = link.receive(packet, muiNextPacket++, time);
         if (result == eIpcResultAgain)
             return;
         if (result != eIpcResultOk) {
@@ -426,10 +427,14 @@ void Hub::checkTimers()
         HubLink& link = *item.second;
         if (link.failed())
             continue;
+        if (paused(link))
+            link.holdReceive(time);
         if (!link.processId() && !link.closing() && time - link.createdAt() > moOptions.attachTimeoutMs)
             link.fail("no attach in time");
         else if (link.stalledFor(time) > moOptions.stallTimeoutMs)
             link.fail("the process takes no bytes");
+        else if (link.partialFor(time) > moOptions.stallTimeoutMs)
+            link.fail("the process stopped in mid-packet");
     }
     for (const ProcessCreator::Pending& pending : moCreator.expired(time))
         mpManager->creationDone(pending, HubMgrCreateProcessReply::StatusAttachFailed);

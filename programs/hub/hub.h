@@ -46,10 +46,9 @@ class TCPSocketSelect;
 // A link that misbehaves costs only itself: a framing error, a close in
 // mid-packet, a packet too large, a link that does not attach in time, one
 // that takes no bytes for the stall time or lets its queue pass the maximum,
-// all end that link, and the Hub tells the watchers of its process and goes
-// on. A sender to a link whose queue is above the pause mark is not read from
-// until that queue drains, so a fast sender cannot make a slow reader's queue
-// grow without bound.
+// one that stops in mid-packet for the stall time, all end that link, and the Hub tells the watchers of its process and
+// goes on. A sender to a link whose queue is above the pause mark is not read from until that queue drains, so a fast
+// sender cannot make a slow reader's queue grow without bound.
 //
 // Threads: everything runs on the thread that calls run(); requestStop() may
 // be called from a signal handler.

@@ -33,12 +33,22 @@ HubLink::HubLink(unsigned serial, const boost::shared_ptr<TCPSocketData>& socket
 
 HubLink::~HubLink() { close(); }
 
-IpcResult HubLink::receive(boost::shared_ptr<IpcPacket>& packet, unsigned packetId)
+IpcResult HubLink::receive(boost::shared_ptr<IpcPacket>& packet, unsigned packetId, unsigned long long now)
 {
     const IpcResult result = moReceive.receive();
     if (result == eIpcResultOk)
         packet = moReceive.get(packetId);
+    const unsigned missing = moReceive.missing();
+    if (missing != muiMissing) {
+        muiMissing = missing;
+        muiReceiveProgress = now;
+    }
     return result;
+}
+
+unsigned long long HubLink::partialFor(unsigned long long now) const
+{
+    return !muiMissing || now < muiReceiveProgress ? 0 : now - muiReceiveProgress;
 }
 
 void HubLink::enqueue(const boost::shared_ptr<IpcPacket>& packet, unsigned long long now)

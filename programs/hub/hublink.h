@@ -30,7 +30,7 @@ class TCPSocketData;
 //
 // A link fails for good (`failed`) when the socket does: a read or write
 // error, the peer's close, or a framing error (bad magic, a size out of
-// bounds). The owner then drops it.
+// bounds); or when its owner gives it up (`fail`). The owner then drops it.
 //
 // Threads: the Hub's one thread.
 class HubLink
@@ -48,7 +48,13 @@ public:
     // Reads on until a packet is complete (eIpcResultOk, `packet` set) or the
     // socket has no more for now (eIpcResultAgain). Anything else is the
     // reason the link has failed.
-    IpcResult receive(boost::shared_ptr<IpcPacket>& packet, unsigned packetId);
+    IpcResult receive(boost::shared_ptr<IpcPacket>& packet, unsigned packetId, unsigned long long now);
+    // How long the process has sent nothing more of a packet it has begun;
+    // 0 between packets. The Hub holds that packet's memory meanwhile.
+    unsigned long long partialFor(unsigned long long now) const;
+    // The Hub is not reading the link: its process cannot be waiting on
+    // anybody but the Hub, so the time does not count against it.
+    void holdReceive(unsigned long long now) { muiReceiveProgress = now; }
 
     // Bytes already read from the socket and not yet framed: a poll on the
     // socket does not show them, so a link with some is served without
@@ -117,6 +123,10 @@ private:
     // socket last took some (or the queue last became busy).
     unsigned muiFrontWritten = 0;
     unsigned long long muiLastProgress = 0;
+    // What the receiver still missed of a packet in progress when last
+    // looked at, and when that last changed.
+    unsigned muiMissing = 0;
+    unsigned long long muiReceiveProgress = 0;
     unsigned long long muiCreatedAt = 0;
     unsigned muiProcessId = 0;
     unsigned muiPausedBy = 0;

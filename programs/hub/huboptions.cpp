@@ -94,7 +94,9 @@ bool HubOptions::parse(const QStringList& arguments, QString& error, QString& he
     const QCommandLineOption pauseQueue("pause-queue",
                                         "Unsent bytes above which senders to a link are paused (default 4M).", "bytes");
     const QCommandLineOption stallTimeout(
-        "stall-timeout", "Milliseconds a link may take no bytes while some wait before it is dropped (default 30000).",
+        "stall-timeout",
+        "Milliseconds a link may take no bytes while some wait, or send nothing more of a packet it has "
+        "begun, before it is dropped (default 30000).",
         "ms");
     const QCommandLineOption keepExitedOption(
         "keep-exited", "Trace buffers of ended processes to keep for reading (default 64).", "count");

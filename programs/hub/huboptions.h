@@ -41,7 +41,8 @@ struct HubOptions {
     // it has drained below it again.
     unsigned long long pauseQueueBytes = 4ull * 1024 * 1024;
     // A link that has had bytes waiting without taking any for this long is
-    // dropped.
+    // dropped; so is one that has sent part of a packet and then nothing
+    // more for this long.
     unsigned stallTimeoutMs = 30000;
     // Trace buffers of ended processes kept for reading; the oldest go first.
     unsigned keepExited = 64;

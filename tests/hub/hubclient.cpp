@@ -135,6 +135,17 @@ bool HubClient::send(const QByteArray& destination, const QString& name, const X
                                                     muiNextId++, false));
 }
 
+bool HubClient::post(const QByteArray& destination, const QString& name, const XmlList& body)
+{
+    if (mbClosed)
+        return false;
+    moOutbox.push_back(boost::make_shared<MsgPacket>(BinaryAddress(Extent(destination)),
+                                                     BinaryAddress(Extent(address())), QByteArray(), name, QString(),
+                                                     body, muiNextId++, false));
+    pump(0);
+    return !mbClosed;
+}
+
 bool HubClient::sendRaw(const QByteArray& bytes)
 {
     if (!flush(5000))

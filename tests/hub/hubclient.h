@@ -69,6 +69,14 @@ public:
     bool sendPacket(const boost::shared_ptr<Brevi::IpcPacket>& packet);
     // Bytes as they stand, past the packet machines.
     bool sendRaw(const QByteArray& bytes);
+    // Queues a message and writes what the socket takes now, without
+    // waiting; false once the link has closed.
+    bool post(const QByteArray& destination, const QString& name, const Brevi::XmlList& body = Brevi::XmlList());
+    // Packets queued and not yet wholly written.
+    size_t unsent() const { return moOutbox.size(); }
+    // Writes (reading meanwhile) for up to `ms`; true when nothing is left
+    // unsent.
+    bool flush(int ms);
 
     // --- receiving ---------------------------------------------------------
     // The next packet of any kind; null when none came in time.
@@ -87,7 +95,6 @@ public:
 private:
     // One wait on the socket: writes what it can, reads what has come.
     void pump(int ms);
-    bool flush(int ms);
     void readAll();
 
     boost::shared_ptr<Brevi::TCPSocketData> mptSocket;

@@ -86,6 +86,7 @@ TEST_F(IpcPacketStreamTest, PacketMayArriveOneByteAtATime)
 {
     const QByteArray bytes =
         bytesOf(MsgPacket(address("1/7/node@1"), address("2/3"), "a", "TestPost", "c", bodyOf(2), 1, false));
+    EXPECT_EQ(moReceiver.missing(), 0u);
     for (int i = 0; i < bytes.size(); ++i) {
         ASSERT_EQ(moLink.client->send(bytes.constData() + i, 1), 1u);
         ASSERT_TRUE(waitFor(*moLink.server, POLLIN));
@@ -93,8 +94,12 @@ TEST_F(IpcPacketStreamTest, PacketMayArriveOneByteAtATime)
         if (i + 1 < bytes.size()) {
             ASSERT_EQ(result, eIpcResultAgain) << "byte " << i;
             ASSERT_FALSE(moReceiver.available());
+            // What is still to come: of the header, then of the whole packet.
+            const unsigned got = unsigned(i + 1);
+            ASSERT_EQ(moReceiver.missing(), got < 8 ? 8 - got : unsigned(bytes.size()) - got) << "byte " << i;
         } else {
             ASSERT_EQ(result, eIpcResultOk);
+            EXPECT_EQ(moReceiver.missing(), 0u);
         }
     }
     auto packet = boost::dynamic_pointer_cast<MsgPacket>(moReceiver.get(17));
@@ -103,6 +108,7 @@ TEST_F(IpcPacketStreamTest, PacketMayArriveOneByteAtATime)
     EXPECT_EQ(bytesOf(*packet), bytes);
     EXPECT_FALSE(moReceiver.available());
     EXPECT_EQ(moReceiver.receive(), eIpcResultAgain) << "back in the header state";
+    EXPECT_EQ(moReceiver.missing(), 0u);
 }
 
 TEST_F(IpcPacketStreamTest, FramingErrorsEndTheLink)
