@@ -56,7 +56,12 @@ boost::shared_ptr<MsgPacket> sized(const QByteArray& to, const QByteArray& from,
     return make(int(size - make(0)->size()));
 }
 
-QByteArray bytesOf(const IpcPacket& packet) { return packet.buffer().toQByteArray(); }
+// A copy of a packet's bytes, which outlives the packet.
+QByteArray bytesOf(const IpcPacket& packet)
+{
+    const Extent bytes = packet.buffer();
+    return QByteArray(reinterpret_cast<const char*>(bytes.data()), int(bytes.size()));
+}
 
 // Resident memory of a process in KiB, 0 when it cannot be read.
 unsigned long residentKiB(pid_t pid)
