@@ -13,10 +13,13 @@
 // far less than the rates.
 //
 //   build-*/bench/hub/hub_bench
+#include "core/context.h"
 #include "messaging/binaryaddress.h"
 #include "messaging/ipcpacketlayout.h"
 #include "messaging/ipcpacketreceive.h"
 #include "messaging/ipcpacketsend.h"
+#include "messaging/msg.h"
+#include "messaging/msgaddress.h"
 #include "messaging/msgcatalogue.h"
 #include "messaging/msgpacket.h"
 #include "sockets/tcpsocketdata.h"
@@ -119,16 +122,17 @@ XmlList smallBody()
     return body;
 }
 
-// The real Hub, in a home of its own, on a port that was free.
+// The real Hub, in a home of its own (or the one given), on a port that was
+// free.
 class HubRun
 {
 public:
-    HubRun()
+    explicit HubRun(const QString& givenHome = QString())
     {
         port = TCPSocketListen("Probe", NetAddress(QHostAddress::LocalHost, 0), 1).localAddress().getPort();
         const QByteArray program = HUB_PATH;
         const QByteArray portText = QByteArray::number(port);
-        const QByteArray home = moHome.path().toLocal8Bit();
+        const QByteArray home = (givenHome.isEmpty() ? moHome.path() : givenHome).toLocal8Bit();
         const char* argv[] = {
             program.constData(), "--port", portText.constData(), "--node", "bench", "--machine-id", "0", "--home",
             home.constData(),    nullptr};
@@ -142,6 +146,18 @@ public:
     {
         ::kill(miPid, SIGTERM);
         ::waitpid(miPid, nullptr, 0);
+    }
+
+    // True once the Hub takes connections (within a few seconds).
+    bool listening() const
+    {
+        for (int tries = 0; tries < 250; ++tries) {
+            TCPSocketData probe("Probe", NetAddress(QHostAddress::LocalHost, port));
+            if (probe.isValid() && probe.complete(200))
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
     }
 
     // Attaches and enables an end; its flat address, empty on failure.
@@ -344,6 +360,164 @@ void RelayStream(benchmark::State& state)
     stream(state, relay.pid(), a, b, message("1/17/bench@0", "1/16/bench@0", "BenchPing", smallBody()));
 }
 
+// --- The library's own path ---------------------------------------------------
+//
+// Two processes, each with an attached context (Context::TypeAttached), that
+// talk through the Hub with Msg::send and Msg::wait: this process pings, a
+// process forked beside it answers each BenchPing with a BenchPong to the
+// sender, and acknowledges every 16th BenchData with a BenchAck, so that the
+// one-way case keeps at most 32 messages ahead of the receiver. Everything a
+// process with the library pays is in these figures: the packet machines,
+// Messaging's queues, and the parsing of every body.
+namespace Library {
+
+const char* const PongName = "benchpong";
+const char* const Ping = "BenchPing";
+const char* const Pong = "BenchPong";
+const char* const Data = "BenchData";
+const char* const Ack = "BenchAck";
+const char* const Stop = "BenchStop";
+
+// The library reads its home once per process: every Hub of these cases
+// shares this one.
+QString home()
+{
+    static QTemporaryDir directory;
+    return directory.path();
+}
+
+void pongMain()
+{
+    const QStringList names{Ping, Data, Stop};
+    for (;;) {
+        const Msg message = Msg::wait(names, -1);
+        if (!message || message.name() == Stop)
+            return;
+        if (message.name() == Ping)
+            message.reply(Pong, message.body());
+        else if ((message.getUint32("Sequence") + 1) % Ahead == 0)
+            message.reply(Ack);
+    }
+}
+
+// The answering process, attached under PongName.
+class PongProcess
+{
+public:
+    PongProcess()
+    {
+        miPid = ::fork();
+        if (miPid == 0)
+            ::_exit(Context::run(pongMain, Context::TypeAttached, Context::FlagAttachOnce, "benchpong", PongName) ? 0
+                                                                                                                  : 1);
+    }
+    ~PongProcess()
+    {
+        ::kill(miPid, SIGKILL);
+        ::waitpid(miPid, nullptr, 0);
+    }
+
+private:
+    pid_t miPid = -1;
+};
+
+// What the pinging context's function works with: the function of
+// Context::run takes no arguments.
+struct Run {
+    benchmark::State* state = nullptr;
+    pid_t middle = -1;
+    bool stream = false;
+};
+Run current;
+
+// Pings until the answering process has attached and answers.
+bool reachable(const MsgAddress& pong)
+{
+    for (int tries = 0; tries < 30; ++tries) {
+        if (Msg(pong, Ping, smallBody()).send() && Msg::wait(Pong, 1)) {
+            // Answers to earlier pings that came late are not counted.
+            while (Msg::wait(Pong, 0)) {
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
+void roundTrips(benchmark::State& state, const MsgAddress& pong)
+{
+    const MiddleCpu cpu(current.middle);
+    for (auto _ : state) {
+        if (!Msg(pong, Ping, smallBody()).send() || !Msg::wait(Pong, 5)) {
+            state.SkipWithError("a round trip failed");
+            return;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+    cpu.report(state, state.iterations());
+}
+
+void stream(benchmark::State& state, const MsgAddress& pong)
+{
+    XmlList body = smallBody();
+    const MiddleCpu cpu(current.middle);
+    for (auto _ : state) {
+        int sent = 0;
+        int acknowledged = 0;
+        while (acknowledged < Batch) {
+            for (; sent < Batch && sent - acknowledged < 2 * Ahead; ++sent) {
+                body.set("Sequence", unsigned(sent));
+                if (!Msg(pong, Data, body).send()) {
+                    state.SkipWithError("a message was refused");
+                    return;
+                }
+            }
+            if (!Msg::wait(Ack, 5)) {
+                state.SkipWithError("a message was lost");
+                return;
+            }
+            acknowledged += Ahead;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * Batch);
+    cpu.report(state, state.iterations() * Batch);
+}
+
+void pingMain()
+{
+    benchmark::State& state = *current.state;
+    const MsgAddress pong(Context::machineName(), QString(PongName), QString());
+    if (!reachable(pong)) {
+        state.SkipWithError("the answering process did not attach");
+        return;
+    }
+    if (current.stream)
+        stream(state, pong);
+    else
+        roundTrips(state, pong);
+    Msg(pong, Stop).send(true);
+}
+
+void run(benchmark::State& state, bool stream)
+{
+    HubRun hub(home());
+    if (!hub.listening()) {
+        state.SkipWithError("the Hub did not start");
+        return;
+    }
+    ::setenv("BREVI_HOME", home().toLocal8Bit().constData(), 1);
+    ::setenv("BREVI_HUB_PORT", QByteArray::number(hub.port).constData(), 1);
+    PongProcess pong;
+    current = Run{&state, hub.pid(), stream};
+    if (!Context::run(pingMain, Context::TypeAttached, Context::FlagAttachOnce, "benchping"))
+        state.SkipWithError("no attached context: the library did not attach to the Hub");
+}
+
+} // namespace Library
+
+void LibraryRoundTrip(benchmark::State& state) { Library::run(state, false); }
+void LibraryStream(benchmark::State& state) { Library::run(state, true); }
+
 #ifdef HUB_BENCH_ZMQ
 // The broker: a process that binds a ROUTER and a DEALER on loopback ports
 // of the system's choosing, tells them through a pipe, and runs zmq_proxy
@@ -544,6 +718,8 @@ BENCHMARK(HubRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(RelayRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(HubStream)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(RelayStream)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(LibraryRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(LibraryStream)->Unit(benchmark::kMicrosecond)->UseRealTime();
 #ifdef HUB_BENCH_ZMQ
 BENCHMARK(ZmqRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(ZmqStream)->Unit(benchmark::kMicrosecond)->UseRealTime();
