@@ -1,7 +1,8 @@
 // An attached process for the tests, built on the library alone. The first
 // argument chooses what it does, the second is its name with the Hub:
 //   echo <name>              answers "EchoRequest" with "EchoReply" (the body
-//                            back, with its own ProcessId), ends with status 0
+//                            and raw data back, with its own ProcessId, the
+//                            data compressed if that pays), ends with status 0
 //                            on "QuitPost", 3 when the link is lost
 //   hubloss <name> notify    asks to be told when the link goes; status 10
 //                            when MsgIpcClosedPost came from itself
@@ -61,7 +62,10 @@ int echo()
     const MsgHandlerPointer answer = handler([processId](const Msg& request) {
         XmlList body = request.body().clone();
         body.set("ProcessId", processId);
-        request.reply("EchoReply", body, eMsgDoNotCompress, true);
+        if (request.rawData())
+            request.reply("EchoReply", request.rawData(), body, eMsgCompressOnSend, true);
+        else
+            request.reply("EchoReply", body, eMsgDoNotCompress, true);
         return eMsgResultHandled;
     });
     const MsgHandlerPointer quit = handler([](const Msg&) { return eMsgResultExit; });

@@ -3,13 +3,18 @@
 
 #include "attachedtest.h"
 
+#include "core/buffer.h"
 #include "messaging/messaging.h"
 #include "messaging/msgaddress.h"
 #include "messaging/msgcatalogue.h"
 #include "messaging/msgpacket.h"
+#include "messaging/msgpending.h"
+#include "sockets/tcpsocketselect.h"
 
 #include <QMap>
 #include <QThread>
+
+#include <boost/make_shared.hpp>
 
 #include <csignal>
 
@@ -144,6 +149,20 @@ TEST_F(AttachedHub, ProcessesExchangeByNameAndByNumberWithRepliesMatchedByCookie
             EXPECT_EQ(reply.getCookie(), "n1");
             EXPECT_EQ(reply.getString("Blob").size(), 200000);
 
+            // Raw data beside the body goes as a data message both ways.
+            QByteArray bytes(150000, '\0');
+            for (int at = 0; at < bytes.size(); ++at)
+                bytes[at] = char(at * 7 % 251);
+            Msg withData(named("echo-a"), "EchoRequest");
+            withData.rawData(boost::make_shared<Buffer>(bytes));
+            withData.setCookie("d1");
+            ASSERT_TRUE(withData.send());
+            const Msg dataReply = waitFor("EchoReply");
+            ASSERT_TRUE(dataReply);
+            EXPECT_EQ(dataReply.getCookie(), "d1");
+            ASSERT_TRUE(dataReply.rawData());
+            EXPECT_EQ(dataReply.rawData()->toQByteArray(), bytes);
+
             // Nobody of that name: the Hub sends it back.
             echo(named("nobody"), "lost");
             const Msg back = waitFor(HubRtrUndeliverableMessagePost::Message);
@@ -158,6 +177,42 @@ TEST_F(AttachedHub, ProcessesExchangeByNameAndByNumberWithRepliesMatchedByCookie
             EXPECT_EQ(status(b), 0);
         },
         Context::TypeAttached, 0, "tester");
+    EXPECT_TRUE(ran);
+}
+
+TEST_F(AttachedHub, AThreadWithALoopOfItsOwnWaitsOnTheLinkInItsSelect)
+{
+    start();
+    const bool ran = runContext(
+        [this] {
+            watch(HubRtrRegisterNotifyOnReadyPost::Message, named("echo"));
+            ChildProcess server(helperProgram(), {"echo", "echo"});
+            ASSERT_EQ(told(HubRtrProcessReadyPost::Message), named("echo"));
+            echo(named("echo"), "s1");
+            // As a user interface does: the link in its own select, waiting
+            // there, and the messages handled when the select says so.
+            MsgPending pending;
+            bool replied = false;
+            const MsgHandlerPointer reply = boost::make_shared<MsgHandlerFunction>([&replied](const Msg& message) {
+                replied = message.getCookie() == "s1";
+                return eMsgResultHandled;
+            });
+            Msg::addHandler("EchoReply", reply);
+            const unsigned long long deadline = HubTest::steadyMs() + 10000;
+            while (!replied && HubTest::steadyMs() < deadline) {
+                TCPSocketSelect select;
+                ASSERT_TRUE(pending.select(select));
+                if (select.wait(500) != eTCPErrorNone)
+                    continue;
+                ASSERT_TRUE(pending.pending(select));
+                pending.handle();
+            }
+            EXPECT_TRUE(replied);
+            Msg::removeHandler("EchoReply", reply);
+            EXPECT_TRUE(Msg(named("echo"), "QuitPost").send(true));
+            EXPECT_EQ(status(server), 0);
+        },
+        Context::TypeAttached, 0, "looper");
     EXPECT_TRUE(ran);
 }
 
