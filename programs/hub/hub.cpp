@@ -180,6 +180,13 @@ void Hub::queue(HubLink& link, const boost::shared_ptr<IpcPacket>& packet)
         write(link);
 }
 
+void Hub::releaseHeld(HubLink& link)
+{
+    for (const boost::shared_ptr<IpcPacket>& packet : link.takeHeld())
+        if (!link.failed())
+            queue(link, packet);
+}
+
 void Hub::writeQueued()
 {
     for (auto& item : moLinks) {
@@ -241,8 +248,16 @@ void Hub::forward(HubLink& from, const ProcessPointer& to, const boost::shared_p
     HubLink* target = link(to->linkSerial);
     if (!target || target->failed() || target->closing())
         return undeliverable(from, packet, "the process is leaving");
-    if (!target->enabled() && packet->size() > HubConstants::UnenabledMaximumSize)
-        return undeliverable(from, packet, "too large for a connection not yet enabled");
+    if (!target->enabled()) {
+        // Between attach and enable the process waits for the Hub's replies
+        // and takes nothing else; what others send it waits for its enable,
+        // up to the pause mark.
+        if (target->heldBytes() + packet->size() > moOptions.pauseQueueBytes)
+            return undeliverable(from, packet, "too much waiting for a connection not yet enabled");
+        BTRACE(TraceDebug) << "Held packet" << packet->id() << "for link" << target->serial() << "until enable";
+        target->hold(packet);
+        return;
+    }
     queue(*target, packet);
     if (!target->failed() && target->queuedBytes() > moOptions.pauseQueueBytes && target != &from) {
         BTRACE(TraceVerbose) << "Link" << from.serial() << "paused: link" << target->serial() << "holds"

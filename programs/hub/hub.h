@@ -94,6 +94,9 @@ public:
                 const QString& cookie, const XmlList& body);
     // The same to a live process with a link; false when it has none.
     bool post(const ProcessEntry& process, unsigned service, const QString& name, const XmlList& body);
+    // Queues what other processes sent a link before it was enabled; called
+    // once the enable reply is queued, so that it comes first.
+    void releaseHeld(HubLink& link);
     // Sends HubRtrProcessExitedPost and HubRtrProcessReadyPost.
     void deliverExit(const std::vector<Notifications::Post>& posts);
     void deliverReady(const std::vector<Notifications::Post>& posts);

@@ -26,7 +26,12 @@
 // link (the receiver's framing limit); afterwards the limit is the Hub's
 // maximum packet size. The Hub never sends a link that is not yet enabled a
 // packet above 65,536 bytes either: the process's receiver would drop the
-// link. A link that does not attach within the attach time is dropped.
+// link. Nor does it pass such a link what other processes send it: between
+// attach and enable the process waits for the Hub's replies (trace buffer,
+// enable) and fails its start on anything else. Those packets are held and
+// follow the enable reply, in their order; beyond the pause mark they go
+// back to their senders as undeliverable. A link that does not attach within
+// the attach time is dropped.
 //
 // Monitor replies. HubMgrMonitorReply carries EntryCount and then one nested
 // list per process under the key "Entry" (as HubMgrNamedProcessListReply

@@ -136,6 +136,20 @@ void HubLink::enable(unsigned maximum)
     moReceive.setMaximumSize(maximum);
 }
 
+void HubLink::hold(const boost::shared_ptr<IpcPacket>& packet)
+{
+    moHeld.push_back(packet);
+    muiHeldBytes += packet->size();
+}
+
+std::deque<boost::shared_ptr<IpcPacket>> HubLink::takeHeld()
+{
+    std::deque<boost::shared_ptr<IpcPacket>> held;
+    held.swap(moHeld);
+    muiHeldBytes = 0;
+    return held;
+}
+
 void HubLink::fail(const char* reason)
 {
     if (!mpFailReason) {

@@ -82,6 +82,14 @@ public:
     void enable(unsigned maximum);
     bool enabled() const { return mbEnabled; }
 
+    // Packets from other processes for a link not yet enabled wait here, not
+    // in the send queue: the process is still in its exchanges with the Hub
+    // and takes nothing else. The owner queues them once the enable reply
+    // has been queued.
+    void hold(const boost::shared_ptr<IpcPacket>& packet);
+    unsigned long long heldBytes() const { return muiHeldBytes; }
+    std::deque<boost::shared_ptr<IpcPacket>> takeHeld();
+
     // The link is leaving: nothing more is read or routed to it, and it is
     // closed once its queue has gone.
     void setClosing() { mbClosing = true; }
@@ -119,6 +127,8 @@ private:
     };
     std::deque<Queued> moQueue;
     unsigned long long muiQueuedBytes = 0;
+    std::deque<boost::shared_ptr<IpcPacket>> moHeld;
+    unsigned long long muiHeldBytes = 0;
     // The bytes of the queue's first packet already written, and when the
     // socket last took some (or the queue last became busy).
     unsigned muiFrontWritten = 0;

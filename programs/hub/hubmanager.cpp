@@ -279,6 +279,7 @@ void HubManager::enable(HubLink& link, const MsgPacket& packet)
             process->state = ProcessEntry::eStateEnabled;
     }
     reply(link, packet, RouterId, HubRtrConnectionEnableReply::Message, XmlList());
+    moHub.releaseHeld(link);
     BTRACE(TraceNormal) << "Connection of process" << process->processId << "enabled";
     if (!process->notifyReady && process->state == ProcessEntry::eStateEnabled)
         becomeReady(*process);

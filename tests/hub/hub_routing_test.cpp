@@ -147,10 +147,6 @@ TEST_F(HubRouting, BeforeEnableAProcessSpeaksOnlyToTheHub)
     EXPECT_TRUE(early->wait(HubRtrUndeliverableMessagePost::Message, 5000));
     EXPECT_FALSE(other->wait("TooSoon", 200));
 
-    // Nobody may send it a packet it could not take yet either.
-    ASSERT_TRUE(other->send(early->address(), "Large", valueBody(QString(70000, 'x'))));
-    EXPECT_TRUE(other->wait(HubRtrUndeliverableMessagePost::Message, 5000));
-
     // A packet above 65,536 bytes before enable ends the link; the Hub
     // serves the others.
     ASSERT_TRUE(early->send("3/1", HubMgrMonitorRequest::Message, valueBody(QString(70000, 'x'))));
@@ -162,4 +158,36 @@ TEST_F(HubRouting, BeforeEnableAProcessSpeaksOnlyToTheHub)
     std::unique_ptr<HubClient> late = started("late");
     ASSERT_TRUE(late->send(other->address(), "Large", valueBody(QString(70000, 'y'))));
     EXPECT_EQ(valueOf(other->wait("Large", 5000)).size(), 70000);
+}
+
+TEST_F(HubRouting, WhatOthersSendAProcessBeforeItsEnableFollowsTheEnableReply)
+{
+    std::unique_ptr<HubClient> other = started("other");
+    std::unique_ptr<HubClient> starting = connect();
+    ASSERT_TRUE(starting->attach("starting", "starting"));
+
+    // Sent while the process is still in its exchanges with the Hub, by
+    // number and by name, one larger than a link takes before enable.
+    ASSERT_TRUE(other->send(starting->address(), "Early", valueBody("1")));
+    ASSERT_TRUE(other->send(other->logical("starting"), "Early", valueBody("2")));
+    ASSERT_TRUE(other->send(starting->address(), "Early", valueBody(QString(70000, '3'))));
+    // Beyond the pause mark (4 MiB by default) they come back.
+    ASSERT_TRUE(other->send(starting->address(), "Early", valueBody(QString(4200000, '4'))));
+    EXPECT_TRUE(other->wait(HubRtrUndeliverableMessagePost::Message, 5000));
+
+    // The trace buffer reply is the first thing the process gets, the enable
+    // reply the next, and then the held messages in their order.
+    ASSERT_TRUE(starting->send("3/1", HubMgrTraceBufferRequest::Message));
+    const boost::shared_ptr<IpcPacket> first = starting->next(5000);
+    ASSERT_TRUE(first && first->type() == eIpcTypeMessage);
+    EXPECT_EQ(static_cast<MsgPacket&>(*first).name(), HubMgrTraceBufferReply::Message);
+    starting->takeLargePackets();
+    ASSERT_TRUE(starting->send("3/1", HubMgrConnectionEnableRequest::Message));
+    const boost::shared_ptr<IpcPacket> second = starting->next(5000);
+    ASSERT_TRUE(second && second->type() == eIpcTypeMessage);
+    EXPECT_EQ(static_cast<MsgPacket&>(*second).name(), HubRtrConnectionEnableReply::Message);
+    EXPECT_EQ(valueOf(starting->wait("Early", 5000)), "1");
+    EXPECT_EQ(valueOf(starting->wait("Early", 5000)), "2");
+    EXPECT_EQ(valueOf(starting->wait("Early", 5000)), QString(70000, '3'));
+    EXPECT_FALSE(starting->wait("Early", 200));
 }

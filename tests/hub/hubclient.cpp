@@ -270,9 +270,11 @@ bool HubClient::enable()
 {
     if (!request("3/1", HubMgrConnectionEnableRequest::Message, XmlList(), HubRtrConnectionEnableReply::Message))
         return false;
-    moReceive.setMaximumSize(IpcPacketLayout::EnabledMaximumSize);
+    takeLargePackets();
     return true;
 }
+
+void HubClient::takeLargePackets() { moReceive.setMaximumSize(IpcPacketLayout::EnabledMaximumSize); }
 
 bool HubClient::start(const QString& title, const QString& name, const QString& group)
 {

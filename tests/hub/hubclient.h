@@ -50,6 +50,9 @@ public:
                 const QString& type = QStringLiteral("Attached"), bool notifyReady = false);
     Brevi::SharedMemoryId traceBuffer();
     bool enable();
+    // Takes packets of any size from now on, as enable() does once the Hub
+    // has replied; for a test that makes the exchange itself.
+    void takeLargePackets();
     // attach, trace buffer and enable.
     bool start(const QString& title, const QString& name = QString(), const QString& group = QString());
 
