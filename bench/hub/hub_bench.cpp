@@ -8,9 +8,10 @@
 // this one thread, each wait bounded; items_per_second is round trips per
 // second (two messages through the middle each). The Stream cases send
 // messages one way in batches of 64, at most 16 ahead of the receiver,
-// items_per_second being messages. The counter middle_us is the CPU time
-// the process in the middle spent per item, which a loaded machine changes
-// far less than the rates.
+// items_per_second being messages. The Library cases are the same two
+// exchanges between two real processes with attached contexts (see there).
+// The counter middle_us is the CPU time the process in the middle spent per
+// item, which a loaded machine changes far less than the rates.
 //
 //   build-*/bench/hub/hub_bench
 #include "core/context.h"
