@@ -90,7 +90,9 @@ bool HubOptions::parse(const QStringList& arguments, QString& error, QString& he
     const QCommandLineOption maxPacket(
         "max-packet", "Largest packet from an enabled link, K/M suffixes allowed (default 64M).", "bytes");
     const QCommandLineOption maxQueue(
-        "max-queue", "Unsent bytes after which a link that does not read is dropped (default 128M).", "bytes");
+        "max-queue",
+        "Unsent bytes after which a link that does not read is dropped (default 128M; never below --max-packet).",
+        "bytes");
     const QCommandLineOption pauseQueue("pause-queue",
                                         "Unsent bytes above which senders to a link are paused (default 4M).", "bytes");
     const QCommandLineOption stallTimeout(
@@ -186,6 +188,10 @@ bool HubOptions::parse(const QStringList& arguments, QString& error, QString& he
     if (!number(keepExitedOption, 0, 100000, false, value))
         return false;
     keepExited = unsigned(value);
+    // A queue always has room for one packet of the largest size: a reader
+    // is not dropped for a single message it was allowed to be sent.
+    if (maximumQueueBytes < maximumPacketSize)
+        maximumQueueBytes = maximumPacketSize;
     if (pauseQueueBytes > maximumQueueBytes)
         pauseQueueBytes = maximumQueueBytes;
 

@@ -35,7 +35,8 @@ struct HubOptions {
     unsigned shutdownTimeoutMs = 10000;
     // The largest packet an enabled link may send.
     unsigned maximumPacketSize = 64 * 1024 * 1024;
-    // A link whose unsent bytes pass this is dropped: it does not read.
+    // A link whose unsent bytes pass this is dropped: it does not read. Never
+    // below maximumPacketSize, so that one packet of the largest size fits.
     unsigned long long maximumQueueBytes = 128ull * 1024 * 1024;
     // Above this, the Hub stops reading from the links that send to it until
     // it has drained below it again.

@@ -65,6 +65,20 @@ TEST(HubOptions, PortComesFromTheCommandLineThenTheEnvironment)
     unsetenv("BREVI_HUB_PORT");
 }
 
+TEST(HubOptions, QueueLimitsHoldTogether)
+{
+    // The queue limit has room for the largest packet; the pause mark is
+    // never above the limit.
+    HubOptions small;
+    ASSERT_TRUE(parse(small, {"--max-packet", "1M", "--max-queue", "64K", "--pause-queue", "4M"}));
+    EXPECT_EQ(small.maximumQueueBytes, 1024u * 1024);
+    EXPECT_EQ(small.pauseQueueBytes, 1024u * 1024);
+    HubOptions given;
+    ASSERT_TRUE(parse(given, {"--max-packet", "1M", "--max-queue", "8M", "--pause-queue", "64K"}));
+    EXPECT_EQ(given.maximumQueueBytes, 8u * 1024 * 1024);
+    EXPECT_EQ(given.pauseQueueBytes, 64u * 1024);
+}
+
 TEST(HubOptions, BadValuesAreRefusedWithAReason)
 {
     for (const QStringList& arguments : QList<QStringList>{{"--port", "0"},

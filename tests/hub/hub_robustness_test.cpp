@@ -136,6 +136,29 @@ TEST_F(HubRobustness, AProcessThatNeverReadsIsDroppedAndItsSendersGoOn)
     EXPECT_TRUE(served(*flood));
 }
 
+TEST_F(HubRobustness, AQueueOverItsLimitEndsTheLinkAtOnce)
+{
+    // Long before the stall time: many senders, one message each, so that
+    // pausing them does not keep the queue down.
+    startHub({"--max-packet", "1M", "--max-queue", "1M", "--pause-queue", "64K", "--stall-timeout", "60000"});
+    std::unique_ptr<HubClient> watcher = started("watcher");
+    std::unique_ptr<HubClient> sink = started("sink");
+    watchExit(*watcher, *sink);
+    XmlList body;
+    body.set("Value", QString(900000, 's'));
+    std::vector<std::unique_ptr<HubClient>> senders;
+    bool dropped = false;
+    for (int i = 0; i < 16 && !dropped; ++i) {
+        senders.push_back(started(QStringLiteral("sender %1").arg(i)));
+        ASSERT_TRUE(senders.back()->send(sink->address(), "Bulk", body));
+        dropped = bool(watcher->wait(HubRtrProcessExitedPost::Message, 100));
+    }
+    EXPECT_TRUE(dropped || watcher->wait(HubRtrProcessExitedPost::Message, 5000));
+    // Those held back for the sink are read again.
+    for (const std::unique_ptr<HubClient>& sender : senders)
+        EXPECT_TRUE(served(*sender));
+}
+
 TEST_F(HubRobustness, ALinkThatAsksWithoutReadingIsDropped)
 {
     startHub({"--pause-queue", "64K", "--max-queue", "1M", "--stall-timeout", "1000"});
