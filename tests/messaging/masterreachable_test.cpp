@@ -1,0 +1,365 @@
+// Following the master's reachability from the Node manager's state posts: a
+// stand-in for the Node manager runs on a thread of its own and posts the
+// states the test scripts, the way the real one would after a subscription.
+
+#include "core/context.h"
+#include "core/traceposition.h"
+#include "messaging/managemsghandlers.h"
+#include "messaging/masterreachable.h"
+#include "messaging/msg.h"
+#include "messaging/msgcatalogue.h"
+#include "messaging/threadcomms.h"
+
+#include "testhome.h"
+#include "threadcontexts.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/make_shared.hpp>
+
+#include <atomic>
+#include <memory>
+
+using namespace Brevi;
+using namespace BreviTest;
+
+namespace {
+
+const QString StatePost = Catalogue::NodeMgrMasterStatePost::Message;
+const QString ScriptPost = "StandInScriptPost";
+const QString DonePost = "StandInDonePost";
+const QString QuitPost = "StandInQuitPost";
+const QString DelayKey = "DelayMs";
+
+ThreadComms gLink;
+
+// The Node manager's stand-in: for each script post it waits as long as the
+// script says, posts the master state the script holds to whoever sent it,
+// and then says it is done. The state post travels ahead of the done post on
+// the same queue, so a test that has the done post knows the state post has
+// been through its handlers.
+void nodeManagerStandIn()
+{
+    ThreadComms link = gLink;
+    if (!link.connect())
+        return;
+    ManageMsgHandlers handlers;
+    handlers.add(ScriptPost, handler([](const Msg& script) {
+                     XmlList body = script.body().clone();
+                     unsigned delay = 0;
+                     if (body.get(delay, DelayKey)) {
+                         body.remove(DelayKey);
+                         Context::sleep(delay);
+                     }
+                     Msg(script.source(), StatePost, body).send();
+                     Msg(script.source(), DonePost).send();
+                     return eMsgResultHandled;
+                 }));
+    Msg::wait(QuitPost, link.address(), 60);
+    link.disconnect();
+}
+
+// The stand-in's thread, connected, for the life of one test body.
+class StandIn
+{
+public:
+    StandIn()
+    {
+        gLink = ThreadComms("node manager");
+        moThread = std::make_unique<WorkerThread>(nodeManagerStandIn, "NodeManager");
+        const Msg hello = Msg::wait(Catalogue::MsgConnectedPost::Message, 10);
+        EXPECT_TRUE(hello) << "stand-in did not connect, lastError " << hello.lastError();
+        moAddress = hello.source();
+    }
+    ~StandIn()
+    {
+        Msg(moAddress, QuitPost).send();
+        moThread->join();
+    }
+
+    // Has the stand-in post a state, and waits until it has been handled.
+    bool post(const QString& state, const QString& master = QString(), bool authorized = true)
+    {
+        return script(state, master, authorized, -1) && Msg::wait(DonePost, moAddress, 10);
+    }
+    // The same, posted after `delayMs`; the caller waits for it as it likes.
+    bool script(const QString& state, const QString& master, bool authorized, int delayMs)
+    {
+        XmlList body;
+        body.set(Catalogue::NodeMgrMasterStatePost::Master, master);
+        body.set(Catalogue::NodeMgrMasterStatePost::Authorized, authorized);
+        body.set(Catalogue::NodeMgrMasterStatePost::State, state);
+        if (delayMs >= 0)
+            body.set(DelayKey, unsigned(delayMs));
+        return Msg(moAddress, ScriptPost, body).send();
+    }
+
+private:
+    std::unique_ptr<WorkerThread> moThread;
+    MsgAddress moAddress;
+};
+
+// Counts its calls and notes whether the master was reachable at each.
+struct CallbackProbe {
+    MasterReachable* watched = nullptr;
+    int calls = 0;
+    int reachableCalls = 0;
+
+    MasterReachable::Callback callback()
+    {
+        return boost::make_shared<boost::function<void()>>([this] {
+            ++calls;
+            if (watched && *watched)
+                ++reachableCalls;
+        });
+    }
+};
+
+} // namespace
+
+TEST(MasterReachable, OneCallbackPerChangeOfReachability)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            StandIn nodeManager;
+            CallbackProbe probe;
+            MasterReachable master(probe.callback());
+            probe.watched = &master;
+            EXPECT_FALSE(master);
+
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0001"));
+            EXPECT_TRUE(master);
+            EXPECT_EQ(master.master().fullName(), "rules@0001");
+            EXPECT_EQ(master.state(), "Connected");
+            EXPECT_EQ(probe.calls, 1);
+            EXPECT_EQ(probe.reachableCalls, 1) << "the callback sees the new state";
+
+            // The same news again, and "Authorized" after "Connected", are
+            // no change.
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0001"));
+            ASSERT_TRUE(nodeManager.post("Authorized", "rules@0001"));
+            EXPECT_EQ(probe.calls, 1);
+            EXPECT_EQ(master.state(), "Authorized");
+
+            // States that say nothing about reachability leave it alone.
+            ASSERT_TRUE(nodeManager.post("Connecting", "rules@0001"));
+            ASSERT_TRUE(nodeManager.post("Disconnecting"));
+            EXPECT_TRUE(master);
+            EXPECT_EQ(probe.calls, 1);
+
+            // Each of the three lost states loses it; only the first is a
+            // change.
+            ASSERT_TRUE(nodeManager.post("Unavailable"));
+            EXPECT_FALSE(master);
+            EXPECT_EQ(probe.calls, 2);
+            EXPECT_EQ(probe.reachableCalls, 1) << "the callback of the loss sees it lost";
+            ASSERT_TRUE(nodeManager.post("Unauthorized"));
+            ASSERT_TRUE(nodeManager.post("Unknown"));
+            EXPECT_EQ(probe.calls, 2);
+            EXPECT_EQ(master.master().fullName(), "rules@0001") << "the last master's name stays";
+
+            // Found again under another name.
+            ASSERT_TRUE(nodeManager.post("Authorized", "rules@0002"));
+            EXPECT_TRUE(master);
+            EXPECT_EQ(master.master().fullName(), "rules@0002");
+            EXPECT_EQ(probe.calls, 3);
+        },
+        "Watcher"));
+}
+
+TEST(MasterReachable, PostsThatCarryNoNewsChangeNothing)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            StandIn nodeManager;
+            CallbackProbe probe;
+            MasterReachable master(probe.callback());
+
+            // A master without a name yet.
+            TracePosition start(true);
+            ASSERT_TRUE(nodeManager.post("Authorized", QString()));
+            EXPECT_FALSE(master);
+            EXPECT_TRUE(master.master().fullName().isEmpty());
+            EXPECT_TRUE(tracedSince(start).contains("master has no name yet"));
+
+            // A named master that the node manager does not trust: its name
+            // is taken, reachability is not.
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0001", false));
+            EXPECT_FALSE(master);
+            EXPECT_EQ(master.master().fullName(), "rules@0001");
+
+            // Lost while never reachable is no change either.
+            ASSERT_TRUE(nodeManager.post("Unavailable"));
+            EXPECT_EQ(probe.calls, 0);
+
+            // Once reachable, an unnamed or untrusted report does not lose it.
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0001"));
+            ASSERT_TRUE(nodeManager.post("Authorized", QString()));
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0001", false));
+            EXPECT_TRUE(master);
+            EXPECT_EQ(probe.calls, 1);
+        },
+        "Watcher"));
+}
+
+TEST(MasterReachable, TheLossIsTracedAndOtherHandlersStillSeeThePost)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            StandIn nodeManager;
+            int seenByOthers = 0;
+            ManageMsgHandlers handlers;
+            handlers.add(StatePost, handler([&seenByOthers](const Msg&) {
+                             ++seenByOthers;
+                             return eMsgResultHandled;
+                         }));
+            CallbackProbe probe;
+            MasterReachable master(probe.callback());
+
+            TracePosition start(true);
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0001"));
+            ASSERT_TRUE(nodeManager.post("Unknown"));
+            EXPECT_EQ(seenByOthers, 2);
+            EXPECT_EQ(probe.calls, 2);
+
+            TracePosition end(true);
+            TraceDump dump(nullptr, &start, &end);
+            int lost = 0;
+            int called = 0;
+            while (auto entry = dump.popEntry()) {
+                if (entry->getMessage().contains("master not reachable")) {
+                    EXPECT_EQ(entry->getLevel(), TraceAlways);
+                    ++lost;
+                }
+                if (entry->getMessage().contains("Calling master state callback"))
+                    ++called;
+            }
+            EXPECT_EQ(lost, 1);
+            EXPECT_EQ(called, 2);
+        },
+        "Watcher"));
+}
+
+TEST(MasterReachableWait, TrueAtOnceWhenReachableOtherwiseUntilTheNewsOrTheTime)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            StandIn nodeManager;
+            CallbackProbe probe;
+            MasterReachable master(probe.callback());
+
+            // Nothing comes: the time runs out.
+            EXPECT_FALSE(master.wait(0));
+            EXPECT_FALSE(master.wait(1));
+
+            // The news comes while the wait runs: it ends the wait, and the
+            // caller learns it from the result, not from the callback.
+            ASSERT_TRUE(nodeManager.script("Connected", "rules@0001", true, 200));
+            EXPECT_TRUE(master.wait(10));
+            EXPECT_TRUE(master);
+            EXPECT_EQ(probe.calls, 0);
+            ASSERT_TRUE(Msg::wait(DonePost, 10));
+
+            // Reachable: no post is needed, and none is waiting.
+            EXPECT_TRUE(master.wait(0));
+            EXPECT_TRUE(master.wait(-1));
+
+            // The standing handler is back after the wait.
+            ASSERT_TRUE(nodeManager.post("Unavailable"));
+            EXPECT_FALSE(master);
+            EXPECT_EQ(probe.calls, 1);
+        },
+        "Watcher"));
+}
+
+TEST(MasterReachableWait, StatesOnTheWayAreTakenAndABrokenWaitIsFalse)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            StandIn nodeManager;
+            MasterReachable master{MasterReachable::Callback()};
+
+            // Several posts before the one that counts.
+            ASSERT_TRUE(nodeManager.script("Unknown", QString(), false, 0));
+            ASSERT_TRUE(nodeManager.script("Authorized", QString(), true, 0));
+            ASSERT_TRUE(nodeManager.script("Connected", "rules@0001", true, 100));
+            EXPECT_TRUE(master.wait(10));
+            EXPECT_EQ(master.state(), "Connected");
+            // The wait passed over the done posts of the first two, which
+            // have no handler; the last one is still to come.
+            ASSERT_TRUE(Msg::wait(DonePost, 10));
+
+            // A handler that ends the waits of its thread ends this one too.
+            ASSERT_TRUE(nodeManager.post("Unavailable"));
+            ManageMsgHandlers handlers;
+            handlers.add("StopPost", handler([](const Msg&) { return eMsgResultExit; }));
+            ASSERT_TRUE(Msg(Context::address(), "StopPost").send());
+            EXPECT_FALSE(master.wait(10));
+            EXPECT_FALSE(master);
+        },
+        "Watcher"));
+}
+
+TEST(MasterReachableLifetime, CopiesAreSnapshotsAndTheDeadHearNothing)
+{
+    TestHome home;
+    ASSERT_TRUE(runStandalone(
+        [] {
+            StandIn nodeManager;
+            CallbackProbe probe;
+            auto master = std::make_unique<MasterReachable>(probe.callback());
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0001"));
+
+            MasterReachable copy(*master);
+            EXPECT_TRUE(copy);
+            EXPECT_EQ(copy.master().fullName(), "rules@0001");
+            EXPECT_EQ(copy.state(), "Connected");
+            MasterReachable assigned;
+            assigned = copy;
+            EXPECT_TRUE(assigned);
+
+            // Only the original follows, and calls back once.
+            ASSERT_TRUE(nodeManager.post("Unavailable"));
+            EXPECT_FALSE(*master);
+            EXPECT_TRUE(copy);
+            EXPECT_TRUE(assigned);
+            EXPECT_EQ(probe.calls, 2);
+
+            // Gone, it is off the handler list: a later post reaches nobody.
+            master.reset();
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0001"));
+            EXPECT_EQ(probe.calls, 2);
+
+            // A second subscription on a live object replaces the callback.
+            MasterReachable again(probe.callback());
+            CallbackProbe other;
+            again.callback(other.callback());
+            ASSERT_TRUE(nodeManager.post("Connected", "rules@0003"));
+            EXPECT_EQ(probe.calls, 2);
+            EXPECT_EQ(other.calls, 1);
+        },
+        "Watcher"));
+}
+
+TEST(MasterReachableBadInput, AThreadWithoutMessagingNeverHearsAndNeverWaits)
+{
+    TestHome home;
+    static std::atomic<bool> waited{true};
+    static QStringList lines;
+    ASSERT_TRUE(Context::run(
+        [] {
+            const TracePosition start(true);
+            MasterReachable master(boost::make_shared<boost::function<void()>>([] {}));
+            waited = master.wait(1);
+            EXPECT_FALSE(master);
+            lines = tracedSince(start);
+        },
+        Context::Type(7), 0, "Plain"));
+    EXPECT_FALSE(waited);
+    EXPECT_EQ(lines.filter("Cannot register for the master state").size(), 1) << lines.join('\n').toStdString();
+}
