@@ -1,6 +1,7 @@
 // Following the master's reachability from the Node manager's state posts: a
 // stand-in for the Node manager runs on a thread of its own and posts the
 // states the test scripts, the way the real one would after a subscription.
+// One case runs over the real Hub, to see the subscription come and go.
 
 #include "core/context.h"
 #include "core/traceposition.h"
@@ -12,6 +13,10 @@
 
 #include "testhome.h"
 #include "threadcontexts.h"
+#ifdef HUB_PATH
+#include "hubtest.h"
+#include "messaging/msgpacket.h"
+#endif
 
 #include <gtest/gtest.h>
 
@@ -19,6 +24,7 @@
 
 #include <atomic>
 #include <memory>
+#include <thread>
 
 using namespace Brevi;
 using namespace BreviTest;
@@ -363,3 +369,52 @@ TEST(MasterReachableBadInput, AThreadWithoutMessagingNeverHearsAndNeverWaits)
     EXPECT_FALSE(waited);
     EXPECT_EQ(lines.filter("Cannot register for the master state").size(), 1) << lines.join('\n').toStdString();
 }
+
+#ifdef HUB_PATH
+// Over the real Hub, with the Node manager a scripted process attached under
+// its well-known name and group: the subscription reaches it at that logical
+// address, its post reaches the subscriber, and the subscriber takes the
+// subscription back on its way out.
+
+namespace {
+std::atomic<bool> gOverHubWaited{false};
+QString gOverHubMaster;
+} // namespace
+
+class MasterReachableOverTheHub : public HubTest::HubFixture
+{};
+
+TEST_F(MasterReachableOverTheHub, SubscribesAtTheNodeManagerAndUnsubscribesOnItsWay)
+{
+    using namespace Catalogue;
+    startHub();
+    std::unique_ptr<HubTest::HubClient> nodeManager = started("Node manager", NodeManagerService, NodeManagerService);
+    ASSERT_TRUE(nodeManager);
+    qputenv("BREVI_HUB_PORT", QByteArray::number(port()));
+
+    std::thread watcher([] {
+        Context::run(
+            [] {
+                MasterReachable master(boost::make_shared<boost::function<void()>>([] {}));
+                gOverHubWaited = master.wait(30);
+                gOverHubMaster = master.master().fullName();
+            },
+            Context::TypeAttached, Context::FlagAttachOnce, "Watcher");
+    });
+
+    const auto subscription = nodeManager->wait(NodeMgrRegisterNotifyMasterStatePost::Message, 20000);
+    EXPECT_TRUE(subscription);
+    if (subscription) {
+        XmlList state;
+        state.set(NodeMgrMasterStatePost::Master, QStringLiteral("rules@0001"));
+        state.set(NodeMgrMasterStatePost::Authorized, true);
+        state.set(NodeMgrMasterStatePost::State, QStringLiteral("Connected"));
+        const QByteArray subscriber = MsgAddress(subscription->source()).binary().text().toQByteArray();
+        EXPECT_TRUE(nodeManager->send(subscriber, NodeMgrMasterStatePost::Message, state));
+        EXPECT_TRUE(nodeManager->wait(NodeMgrUnregisterNotifyMasterStatePost::Message, 20000));
+    }
+    watcher.join();
+    EXPECT_TRUE(gOverHubWaited);
+    EXPECT_EQ(gOverHubMaster, "rules@0001");
+}
+#endif
