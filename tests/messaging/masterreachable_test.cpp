@@ -409,8 +409,10 @@ TEST_F(MasterReachableOverTheHub, SubscribesAtTheNodeManagerAndUnsubscribesOnIts
         state.set(NodeMgrMasterStatePost::Master, QStringLiteral("rules@0001"));
         state.set(NodeMgrMasterStatePost::Authorized, true);
         state.set(NodeMgrMasterStatePost::State, QStringLiteral("Connected"));
-        const QByteArray subscriber = MsgAddress(subscription->source()).binary().text().toQByteArray();
-        EXPECT_TRUE(nodeManager->send(subscriber, NodeMgrMasterStatePost::Message, state));
+        // The flat text is a view on the address's bytes: keep the address.
+        const MsgAddress source(subscription->source());
+        const QByteArray subscriber = source.binary().text().toQByteArray();
+        EXPECT_TRUE(nodeManager->send(subscriber, NodeMgrMasterStatePost::Message, state)) << subscriber.constData();
         EXPECT_TRUE(nodeManager->wait(NodeMgrUnregisterNotifyMasterStatePost::Message, 20000));
     }
     watcher.join();

@@ -19,6 +19,8 @@
 #include <functional>
 #include <memory>
 
+#include <csignal>
+
 #include <unistd.h>
 
 using namespace Brevi;
@@ -141,6 +143,16 @@ TEST_F(HubTools, StatusListsTheAttachedAndTheEndedProcesses)
     EXPECT_EQ(lines.filter("Plain one").size(), 1);
     EXPECT_TRUE(lines.filter("hubstatus").isEmpty()) << "the tool leaves itself out";
 
+    // A program attached through the library shows as it attached.
+    ChildProcess target(TOOLTARGET, {"Target program", "Target"}, {"BREVI_HUB_PORT=" + QString::number(port())});
+    EXPECT_TRUE(eventually([&] {
+        const QStringList rows = tool(HUBSTATUS, {}).out.split('\n').filter("Target program");
+        return rows.size() == 1 && rows[0].split(' ', Qt::SkipEmptyParts).contains("Target") &&
+               rows[0].split(' ', Qt::SkipEmptyParts).contains(QString::number(target.pid()));
+    }));
+    target.kill(SIGKILL);
+    EXPECT_TRUE(target.waitExit(5000));
+
     plain.end();
     ASSERT_TRUE(listedAsExited("Plain one"));
     status = tool(HUBSTATUS, {"--live"});
@@ -166,8 +178,10 @@ TEST_F(HubTools, TraceOfAProcessThatHasEnded)
 
     ToolRun trace = tool(PROCESSTRACE, {"Short"});
     ASSERT_EQ(trace.exitCode, 0) << trace.err.toStdString();
-    QStringList lines = trace.out.split('\n', Qt::SkipEmptyParts);
+    // The link's own lines come after these: the test's are the process's.
+    QStringList lines = trace.out.split('\n', Qt::SkipEmptyParts).filter("hubtools_test:");
     ASSERT_EQ(lines.size(), 7) << trace.out.toStdString();
+    EXPECT_TRUE(trace.out.startsWith(lines[0]));
     EXPECT_TRUE(lines[0].contains("step 1"));
     EXPECT_TRUE(lines[5].contains("timer detail"));
     EXPECT_TRUE(lines[6].contains("last words"));
@@ -175,11 +189,11 @@ TEST_F(HubTools, TraceOfAProcessThatHasEnded)
     EXPECT_TRUE(trace.err.contains("Exited"));
 
     // By title as well; filtered by level, module and count.
-    trace = tool(PROCESSTRACE, {"Short lived", "--max-level", "normal", "--last", "2"});
+    trace = tool(PROCESSTRACE, {"Short lived", "--max-level", "always", "--last", "2"});
     lines = trace.out.split('\n', Qt::SkipEmptyParts);
     ASSERT_EQ(lines.size(), 2) << trace.out.toStdString();
-    EXPECT_TRUE(lines[0].contains("step 5"));
-    EXPECT_TRUE(lines[1].contains("last words"));
+    EXPECT_TRUE(lines[0].contains("step 4"));
+    EXPECT_TRUE(lines[1].contains("step 5"));
     trace = tool(PROCESSTRACE, {"Short", "--module", "TIMER"});
     EXPECT_EQ(trace.out.count('\n'), 1);
     EXPECT_TRUE(trace.out.contains("timer detail"));
