@@ -41,7 +41,7 @@ QString modules() { return gRequest.module ? "module " + moduleName(gRequest.mod
 
 // The levels of the named modules, and of any other module that differs from
 // the level most modules have.
-int show(QTextStream& out, const MonitorEntry& entry, const unsigned char* buffer)
+void show(QTextStream& out, const MonitorEntry& entry, const unsigned char* buffer)
 {
     unsigned count[TraceDebug + 2] = {};
     for (unsigned module = 1; module <= TraceLayout::ModuleCount; ++module)
@@ -58,7 +58,6 @@ int show(QTextStream& out, const MonitorEntry& entry, const unsigned char* buffe
         out << "  " << qSetFieldWidth(14) << Qt::left << moduleName(module) << qSetFieldWidth(0) << Qt::right
             << unsigned(level) << ' ' << levelName(level) << '\n';
     }
-    return eExitOk;
 }
 
 int change()
