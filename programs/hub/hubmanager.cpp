@@ -451,7 +451,10 @@ void HubManager::createProcess(HubLink& link, const MsgPacket& packet, const Xml
     QString status;
     if (moHub.shuttingDown())
         status = HubMgrCreateProcessReply::StatusShutdown;
-    else if (moHub.processes().conflicts(request.name, request.group))
+    else if (moHub.processes().conflicts(request.name, request.group) ||
+             moHub.creator().claims(request.name, request.group))
+        // A child already on its way to the name would refuse this one's
+        // attach: no use starting it.
         status = HubMgrCreateProcessReply::StatusNameConflict;
     else
         status = moHub.creator().start(request, moHub.now() + moHub.options().attachTimeoutMs);

@@ -110,7 +110,21 @@ std::vector<ProcessCreator::Pending> ProcessCreator::takeAll()
 {
     std::vector<Pending> result;
     result.swap(moPending);
+    for (const Pending& pending : result)
+        if (running(pending.osPid)) {
+            BTRACE(TraceNormal) << "Process" << pending.osPid << "of" << pending.request.program
+                                << "has not attached before shutdown, ending it";
+            ::kill(pid_t(pending.osPid), SIGTERM);
+        }
     return result;
+}
+
+bool ProcessCreator::claims(const QString& name, const QString& group) const
+{
+    if (name.isEmpty())
+        return false;
+    return std::any_of(moPending.begin(), moPending.end(),
+                       [&](const Pending& item) { return item.request.name == name && item.request.group == group; });
 }
 
 void ProcessCreator::forget(unsigned requester)

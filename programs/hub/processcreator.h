@@ -27,7 +27,9 @@ namespace Brevi {
 // when not given, so that the Hub's own values never leak into it) and the
 // Hub's port in BREVI_HUB_PORT. The Hub matches the attach by the child's
 // operating-system pid. A child that has not attached in time is sent
-// SIGTERM: its starter has been told "Attach Failed" and nobody wants it.
+// SIGTERM: its starter has been told "Attach Failed" and nobody wants it. So
+// is one still starting when the Hub shuts down, whose starter is told
+// "Shutdown".
 //
 // Threads: the Hub's one thread (Spawn changes the environment of the whole
 // process for a moment).
@@ -66,10 +68,13 @@ public:
     // Requests whose time is up or whose child has ended without attaching,
     // taken out.
     std::vector<Pending> expired(unsigned long long now);
-    // Every request still waiting, taken out (the Hub is shutting down).
+    // Every request still waiting, taken out, and their children ended: the
+    // Hub is shutting down, and each starter is told so.
     std::vector<Pending> takeAll();
     // Requests of a process that has gone are dropped: nobody to answer.
     void forget(unsigned requester);
+    // A request waits for a child that is to bear this name and group.
+    bool claims(const QString& name, const QString& group) const;
     bool waiting() const { return !moPending.empty(); }
 
     // Collects the children that have ended. True while any is still held.
