@@ -25,7 +25,7 @@ class HubCreate : public HubFixture
 protected:
     void SetUp() override
     {
-        for (const char* name : {"childattach", "childnoattach", "childsilent"})
+        for (const char* name : {"childattach", "childnoattach", "childsilent", "childnoenable"})
             ASSERT_TRUE(QFile::link(childProgram(), moPrograms.filePath(name)));
         QFile plain(moPrograms.filePath("notexec"));
         ASSERT_TRUE(plain.open(QIODevice::WriteOnly));
@@ -157,6 +157,9 @@ TEST_F(HubCreate, FailuresAnswerWithTheirStatusWords)
     EXPECT_EQ(status(create(*parent, "", 4)), "Invalid");
     // Ends without attaching; starts and never attaches (the Hub waits 1.5 s).
     EXPECT_EQ(status(create(*parent, "childnoattach", 5)), "Attach Failed");
+    // Attached, but gone before its connection was enabled: nobody could
+    // have spoken to it.
+    EXPECT_EQ(status(create(*parent, "childnoenable", 7)), "Attach Failed");
     const unsigned long long before = steadyMs();
     EXPECT_EQ(status(create(*parent, "childsilent", 6)), "Attach Failed");
     EXPECT_GE(steadyMs() - before, 1000u);

@@ -340,7 +340,7 @@ TEST_F(ProcessCreateHub, HubThatGoesAwayEndsTheWait)
     std::thread killer([this, &killed] {
         if (sleeperStarted()) {
             mpHub->process().kill(SIGKILL);
-            killed = true;
+            killed = mpHub->process().waitExit(10000);
         }
     });
     attached([] {
