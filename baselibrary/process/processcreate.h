@@ -73,7 +73,8 @@ public:
         eSpawnFailed = 6,
         // Reply status "Execute Failed".
         eExecuteFailed = 7,
-        // Any other reply status: "Shutdown", "No Executable", "Attach Failed"...
+        // Any other reply status: "Shutdown", "No Executable", "Attach
+        // Failed"...; also "Success" without an address to reach the process.
         eOtherFailure = 8,
         // Reply status "Name Conflict": a live process has that name and group.
         eNameConflict = 9,
