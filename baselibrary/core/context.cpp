@@ -317,12 +317,12 @@ bool Context::getTraceBuffer(Messaging& messaging)
     return true;
 }
 
-boost::shared_ptr<Messaging> Context::createAttachedMessaging(Type, unsigned)
+boost::shared_ptr<Messaging> Context::createAttachedMessaging(Type type, unsigned flags)
 {
-    // The handler that holds the Hub link is not part of this build yet; with
-    // it this becomes Messaging(moMachineName, muiId, type, flags, msTitle,
-    // msGroup, msName), and attach() does the rest.
-    return boost::shared_ptr<Messaging>();
+    // The machine name member is filled in by the attach reply.
+    boost::shared_ptr<Messaging> messaging =
+        boost::make_shared<Messaging>(moMachineName, muiId, type, flags, msTitle, msGroup, msName);
+    return messaging->valid() ? messaging : boost::shared_ptr<Messaging>();
 }
 
 void Context::initialize()

@@ -6,6 +6,7 @@
 #include "core/sharedmemoryprovider.h"
 #include "core/tracedump.h"
 #include "messaging/messaging.h"
+#include "sockets/tcpsocketlisten.h"
 
 #include "testhome.h"
 
@@ -104,6 +105,11 @@ TEST(ContextRun, MessagingTypesDoNotComeUpWithoutTheirObjects)
 {
     TestHome home;
     gCalls = 0;
+    // No Hub listens on the port.
+    {
+        const TCPSocketListen probe("Probe", NetAddress(QHostAddress::LocalHost, 0), 1);
+        qputenv("BREVI_HUB_PORT", QByteArray::number(probe.localAddress().getPort()));
+    }
     EXPECT_FALSE(Context::run(countCall, Context::TypeAttached, Context::FlagAttachOnce, "Attached"));
     EXPECT_EQ(gCalls, 0);
     const QString trace = TestHome::readFile(home.trace() + "/attached-" + pidText() + ".tra");
