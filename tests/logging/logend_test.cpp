@@ -44,15 +44,13 @@ protected:
     }
     void TearDown() override
     {
-        if (mpDaemon && mpDaemon->running()) {
-            // The Hub's shutdown ends the daemon too; a daemon left over is
-            // ended by its signal.
-            mpDaemon->kill(SIGTERM);
+        HubFixture::TearDown();
+        if (mpDaemon) {
+            // The Hub's shutdown ends the daemon.
             int status = 0;
-            EXPECT_TRUE(mpDaemon->waitExit(10000, &status));
+            EXPECT_TRUE(mpDaemon->waitExit(10000, &status)) << "the daemon outlived the Hub";
             EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
         }
-        HubFixture::TearDown();
     }
 
     QString storePath() const { return moHome.path() + "/runtime/log/logdaemon.log"; }
