@@ -143,8 +143,6 @@ public:
     const QString& buildNumber() const { return msBuildNumber; }
 
 private:
-    friend struct LogFileNameProbe;
-
     // A name under runtime/logdaemon for a file that goes with a message:
     // "<machine>_<systemTime>.<extension>", or with "_1", "_2"... before the
     // dot while a file of the name exists. No file is made.
