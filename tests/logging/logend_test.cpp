@@ -42,9 +42,10 @@ protected:
     {
         HubFixture::TearDown();
         int status = 0;
-        if (mpDaemon)
+        if (mpDaemon) {
             EXPECT_TRUE(mpDaemon->waitExit(10000, &status) && WIFEXITED(status) && WEXITSTATUS(status) == 0)
                 << "the Hub's shutdown ends the daemon cleanly; status " << status;
+        }
     }
     QString storePath() const { return moHome.path() + "/runtime/log/logdaemon.log"; }
 
