@@ -26,6 +26,7 @@
 #include <vector>
 
 using namespace Brevi;
+using namespace BreviTest;
 
 namespace {
 
@@ -59,7 +60,7 @@ boost::shared_ptr<IpcPacket> dataFor(unsigned channel)
 
 } // namespace
 
-using MsgQueueTest = BreviTest::MessagingTraceTest;
+using MsgQueueTest = BreviTest::TraceTest<TraceModuleMsg>;
 
 // Two producers hammer the queue while the owner drains it: every item
 // arrives once, each producer's items in the order they were put.

@@ -1,8 +1,9 @@
 #ifndef TESTS_PROCESS_PROCESSTEST_H
 #define TESTS_PROCESS_PROCESSTEST_H
 
-#include "core/tracedump.h"
 #include "process/handle.h"
+
+#include "tracelines.h"
 
 #include <QByteArray>
 #include <QString>
@@ -10,7 +11,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <string>
 
 namespace ProcessTest {
 
@@ -20,23 +20,6 @@ inline QString helper() { return QStringLiteral(HELPER_PATH); }
 // Runs `body` on this thread inside a context with tracing, under a fresh
 // BREVI_HOME, so that the trace lines of what it calls can be read back.
 void inContext(const std::function<void()>& body);
-
-// The messages traced on this thread since construction (or the last call).
-class TraceWatch
-{
-public:
-    TraceWatch();
-    QStringList lines();
-    // True when one of the new lines equals `text`, or, when `prefix`, begins
-    // with it.
-    bool saw(const QString& text, bool prefix = true);
-    // Every line seen so far, for a failure message.
-    std::string all();
-
-private:
-    QStringList moSeen;
-    Brevi::TracePosition moStart;
-};
 
 // The descriptors this process has open, sorted.
 QStringList openDescriptors();
