@@ -146,9 +146,6 @@ TEST_F(MsgAddressTest, EachKindHasItsFlatFormAndHash)
     EXPECT_EQ(bytesOf(routed.binary().hopMachine()), "A");
     EXPECT_EQ(flat(MsgAddress(routeOf({"A", "Ü"}), "n", "g")), QString("4/0/b/a/Ü/A/n/g").toUtf8());
     EXPECT_EQ(MsgAddress(routeOf({"A"}), 7u).type(), eMsgAddressAttached) << "the type follows the route";
-
-    // The binary hash is of the raw bytes, another value than the address hash.
-    EXPECT_EQ(attached.binary().hash(), 8u ^ qHash(QByteArray("node@1")));
 }
 
 TEST_F(MsgAddressTest, AddressesOfOneContextAreEqualWhicheverWayTheyCame)

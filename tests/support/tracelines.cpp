@@ -33,6 +33,13 @@ bool matches(const TracedLine& line, const QString& text, int level)
     return (level == AnyLevel || int(line.level) == level) && line.text.contains(text);
 }
 
+::testing::AssertionResult listed(::testing::AssertionResult failure, const std::vector<TracedLine>& lines)
+{
+    for (const TracedLine& line : lines)
+        failure << "\n  [" << line.level << "] " << line.text.toStdString();
+    return failure;
+}
+
 ::testing::AssertionResult found(const std::vector<TracedLine>& lines, const QString& text, int level)
 {
     for (const TracedLine& line : lines) {
@@ -42,10 +49,7 @@ bool matches(const TracedLine& line, const QString& text, int level)
     auto failure = ::testing::AssertionFailure() << "no line";
     if (level != AnyLevel)
         failure << " at level " << level;
-    failure << " with \"" << text.toStdString() << "\", only:";
-    for (const TracedLine& line : lines)
-        failure << "\n  [" << line.level << "] " << line.text.toStdString();
-    return failure;
+    return listed(failure << " with \"" << text.toStdString() << "\", only:", lines);
 }
 
 } // namespace
@@ -89,7 +93,7 @@ std::vector<TracedLine> linesOf(const std::function<void()>& action)
     const std::vector<TracedLine> lines = linesOf(action);
     ::testing::AssertionResult result = found(lines, text, int(level));
     if (result && lines.size() > 1)
-        return ::testing::AssertionFailure() << lines.size() << " lines where one was expected";
+        return listed(::testing::AssertionFailure() << lines.size() << " lines where one was expected:", lines);
     return result;
 }
 
