@@ -8,6 +8,7 @@
 #include "messaging/messaging.h"
 #include "messaging/msg.h"
 #include "messaging/msgcatalogue.h"
+#include "messaging/timer.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -204,8 +205,12 @@ void Context::traceAddress() { BTRACE(TraceAlways) << "Address is" << moAddress 
 
 Context::~Context()
 {
-    if (muiId == 1)
+    if (muiId == 1) {
+        // The timer thread has a context of its own that talks to this
+        // process's contexts: it goes before the messaging it relies on.
         BTRACE(TraceNormal) << "Shutdown any timer";
+        Timer::shutdown();
+    }
     if (mptMessaging) {
         // On this thread, while it is still this context's: only the owner
         // may release.
@@ -308,12 +313,12 @@ bool Context::getTraceBuffer(Messaging& messaging)
     return true;
 }
 
-boost::shared_ptr<Messaging> Context::createAttachedMessaging(Type, unsigned)
+boost::shared_ptr<Messaging> Context::createAttachedMessaging(Type type, unsigned flags)
 {
-    // The handler that holds the Hub link is not part of this build yet; with
-    // it this becomes Messaging(moMachineName, muiId, type, flags, msTitle,
-    // msGroup, msName), and attach() does the rest.
-    return boost::shared_ptr<Messaging>();
+    // The machine name member is filled in by the attach reply.
+    boost::shared_ptr<Messaging> messaging =
+        boost::make_shared<Messaging>(moMachineName, muiId, type, flags, msTitle, msGroup, msName);
+    return messaging->valid() ? messaging : boost::shared_ptr<Messaging>();
 }
 
 void Context::initialize()

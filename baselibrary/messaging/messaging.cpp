@@ -4,6 +4,7 @@
 #include "messaging/ipcpacket.h"
 #include "messaging/msgcatalogue.h"
 #include "messaging/msghandler.h"
+#include "messaging/msghandlerattached.h"
 #include "messaging/msghandlerstandalone.h"
 #include "messaging/msgqueue.h"
 
@@ -97,13 +98,11 @@ Messaging::~Messaging()
         release();
 }
 
-boost::shared_ptr<MsgHandler> Messaging::attachHandler(MachineName&, Context::Type type, unsigned, const QString&,
-                                                       const QString&, const QString&)
+boost::shared_ptr<MsgHandler> Messaging::attachHandler(MachineName& machine, Context::Type type, unsigned flags,
+                                                       const QString& title, const QString& group, const QString& name)
 {
-    // The handler that holds the process's link to the Hub is not part of
-    // this build: an attached messaging comes up plain.
-    BTRACE(TraceNormal) << "No Hub link for context type" << int(type);
-    return boost::shared_ptr<MsgHandler>();
+    return boost::make_shared<MsgHandlerAttached>(machine, muiContextId, type, flags, title, group, name,
+                                                  &moReceiveQueue);
 }
 
 void Messaging::adoptAddresses()
@@ -548,6 +547,8 @@ bool Messaging::enableConnection()
         setAside.append(reply);
     }
 }
+
+void Messaging::notifyIpcClosed() { mptHandler->notifyIpcClosed(); }
 
 void Messaging::release()
 {

@@ -186,6 +186,10 @@ public:
     // The Hub's leave for this process to talk to others, for an attached
     // context: HubMgrConnectionEnableRequest, and its reply awaited.
     bool enableConnection();
+    // Asks for MsgIpcClosedPost, from this context to itself, when the Hub
+    // link goes; without it the loss releases this context's queue, so that
+    // the other threads' sends fail. Only an attached context has a link.
+    void notifyIpcClosed();
     // Owner only: drops the handlers, releases the handler and its queue, and
     // disables. From another thread it changes nothing.
     void release();
@@ -213,8 +217,8 @@ public:
     bool flushData(IpcResult& result, const QString& machine, unsigned id);
 
 private:
-    // The handler of an attached context; null when this build cannot make
-    // one.
+    // The handler of an attached context: it connects to the Hub and
+    // attaches before it returns; its link state says whether that worked.
     boost::shared_ptr<MsgHandler> attachHandler(MachineName& machine, Context::Type type, unsigned flags,
                                                 const QString& title, const QString& group, const QString& name);
     void adoptAddresses();

@@ -1,8 +1,9 @@
 // tracedump: prints the records of binary trace files as text, one line per
 // record, in the form of a crash dump's trace.
 
+#include "toolcommon.h"
+
 #include "core/tracefilereader.h"
-#include "core/tracefilter.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -11,26 +12,6 @@
 #include <cstdio>
 
 using namespace Brevi;
-
-namespace {
-
-// A module given by number or by its name among the built-in modules.
-bool moduleId(const QString& text, unsigned& id)
-{
-    bool number = false;
-    id = text.toUInt(&number);
-    if (number)
-        return id >= 1 && id <= TraceLayout::ModuleCount;
-    const QHash<unsigned, QString>& names = Trace::defaultModuleNames();
-    for (auto it = names.constBegin(); it != names.constEnd(); ++it)
-        if (it.value().compare(text, Qt::CaseInsensitive) == 0 && it.key() != 0) {
-            id = it.key();
-            return true;
-        }
-    return false;
-}
-
-} // namespace
 
 int main(int argc, char** argv)
 {
@@ -65,7 +46,7 @@ int main(int argc, char** argv)
         }
     }
     unsigned onlyModule = 0;
-    if (parser.isSet(module) && !moduleId(parser.value(module), onlyModule)) {
+    if (parser.isSet(module) && !ToolCommon::parseModule(parser.value(module), onlyModule)) {
         err << "tracedump: unknown module '" << parser.value(module) << "'\n";
         return 2;
     }

@@ -5,6 +5,7 @@
 #include "core/fixedpath.h"
 #include "core/sharedmemoryprovider.h"
 #include "messaging/messaging.h"
+#include "sockets/tcpsocketlisten.h"
 
 #include "testhome.h"
 #include "tracelines.h"
@@ -95,6 +96,11 @@ TEST(ContextRun, MessagingTypesDoNotComeUpWithoutTheirObjects)
 {
     TestHome home;
     gCalls = 0;
+    // No Hub listens on the port.
+    {
+        const TCPSocketListen probe("Probe", NetAddress(QHostAddress::LocalHost, 0), 1);
+        qputenv("BREVI_HUB_PORT", QByteArray::number(probe.localAddress().getPort()));
+    }
     EXPECT_FALSE(Context::run(countCall, Context::TypeAttached, Context::FlagAttachOnce, "Attached"));
     EXPECT_EQ(gCalls, 0);
     const QString trace = TestHome::readFile(home.trace() + "/attached-" + pidText() + ".tra");

@@ -44,13 +44,26 @@ HubClient::HubClient(unsigned port, int ms)
     moReceive.setSocket(mptSocket);
 }
 
+HubClient::HubClient(const boost::shared_ptr<TCPSocketData>& socket)
+    : mptSocket(socket)
+    , mptSelect(boost::make_shared<TCPSocketSelect>())
+{
+    if (!mptSocket || !mptSocket->isValid()) {
+        mbClosed = true;
+        return;
+    }
+    moSend.setSocket(mptSocket);
+    moReceive.setSocket(mptSocket);
+}
+
 HubClient::~HubClient() { close(); }
 
 bool HubClient::connected() const { return !mbClosed && mptSocket->isValid(); }
 
 void HubClient::close()
 {
-    mptSocket->close();
+    if (mptSocket)
+        mptSocket->close();
     mbClosed = true;
 }
 

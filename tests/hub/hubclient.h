@@ -34,6 +34,9 @@ class HubClient
 public:
     // Connects to 127.0.0.1:`port`, waiting up to `ms`.
     explicit HubClient(unsigned port, int ms = 5000);
+    // Speaks on a connection made elsewhere: the Hub's end of a link, for a
+    // test that plays the Hub.
+    explicit HubClient(const boost::shared_ptr<Brevi::TCPSocketData>& socket);
     ~HubClient();
     HubClient(const HubClient&) = delete;
     HubClient& operator=(const HubClient&) = delete;

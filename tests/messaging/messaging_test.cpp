@@ -9,6 +9,7 @@
 #include "messaging/messaging.h"
 #include "messaging/msg.h"
 #include "messaging/msgcatalogue.h"
+#include "sockets/tcpsocketlisten.h"
 
 #include "threadcontexts.h"
 
@@ -110,6 +111,13 @@ bool echoes(const MsgAddress& worker, int value)
         return false;
     const Msg reply = Msg::wait("EchoReply", worker, 10);
     return reply && reply.getCookie() == request.getCookie() && reply.get("Value", -1) == value;
+}
+
+// A loopback port that was free a moment ago.
+unsigned unusedPort()
+{
+    const TCPSocketListen probe("Probe", NetAddress(QHostAddress::LocalHost, 0), 1);
+    return probe.localAddress().getPort();
 }
 
 } // namespace
@@ -332,8 +340,10 @@ TEST(MessagingFailures, DisabledMessagingFailsCleanly)
     checkDisabled(plain);
     EXPECT_FALSE(plain.address());
 
+    // No Hub listens on the port: one attempt, refused.
+    qputenv("BREVI_HUB_PORT", QByteArray::number(unusedPort()));
     MachineName machine;
-    Messaging attached(machine, 1, Context::TypeAttached, 0, "Attached", QString(), QString());
+    Messaging attached(machine, 1, Context::TypeAttached, Context::FlagAttachOnce, "Attached", QString(), QString());
     checkDisabled(attached);
 
     ASSERT_TRUE(runStandalone(
