@@ -105,7 +105,7 @@ TEST_F(XmlListTest, ConvenienceFormsAndExtremesKeepTheirValues)
     EXPECT_EQ(read.first("extent").type(), XmlList::ValueData);
 }
 
-TEST_F(XmlListTest, CreateRepeatsAndModifyChangesTheFirst)
+TEST_F(XmlListTest, CreateRepeatsModifyChangesTheFirstAndGettingAListAppends)
 {
     XmlList list;
     ASSERT_TRUE(list.set("A", 1u, XmlList::SetCreate));
@@ -121,9 +121,28 @@ TEST_F(XmlListTest, CreateRepeatsAndModifyChangesTheFirst)
     EXPECT_EQ(it.getUint32(), 5u);
     EXPECT_EQ(it.next("A").getUint32(), 2u);
     EXPECT_TRUE(it.next("A").isNull());
+
+    XmlList inner;
+    inner.set("X", 1);
+    XmlList holder;
+    holder.set("L", inner);
+    XmlList target;
+    target.set("Mine", 0);
+    ASSERT_TRUE(holder.get(target, "L"));
+    EXPECT_EQ(target.size(), 2);
+    EXPECT_EQ(target.first().name(), "Mine");
+    EXPECT_EQ(target.first().next().name(), "X");
+
+    // SetModify on a list refills it.
+    XmlList other;
+    other.set("Y", 2);
+    other.set("Z", 3);
+    ASSERT_TRUE(holder.set("L", other, XmlList::SetModify));
+    EXPECT_EQ(holder.size(), 1);
+    EXPECT_EQ(holder.first("L").getXmlList().size(), 2);
 }
 
-TEST_F(XmlListTest, TypesAreMatchedStrictly)
+TEST_F(XmlListTest, WrongTypesMissingItemsAndBadNamesFailWithTheirLines)
 {
     XmlList list;
     list.set("A", "x");
@@ -142,11 +161,9 @@ TEST_F(XmlListTest, TypesAreMatchedStrictly)
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.set("N", nested, XmlList::SetModify)); }, TraceAlways,
                            "is not a list type"));
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(nested, "A")); }, TraceAlways, "it is not of type list"));
-}
 
-TEST_F(XmlListTest, MissingItemsAndBadNamesAreTracedAtTheirLevels)
-{
-    XmlList list;
+    // Missing items and bad names, each at its level.
+    list.clear();
     unsigned value = 9;
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(value, "Absent")); }, TraceVerbose,
                            "Failed to find config item to get 'Absent'"));
@@ -225,28 +242,6 @@ TEST_F(XmlListTest, CopiesShareAndClonesAndStoredListsDoNot)
     XmlList self;
     ASSERT_TRUE(list.get(self, "Self"));
     EXPECT_EQ(self.size(), 3);
-}
-
-TEST_F(XmlListTest, GetListAppendsToTheTarget)
-{
-    XmlList inner;
-    inner.set("X", 1);
-    XmlList list;
-    list.set("L", inner);
-    XmlList target;
-    target.set("Mine", 0);
-    ASSERT_TRUE(list.get(target, "L"));
-    EXPECT_EQ(target.size(), 2);
-    EXPECT_EQ(target.first().name(), "Mine");
-    EXPECT_EQ(target.first().next().name(), "X");
-
-    // SetModify on a list refills it.
-    XmlList other;
-    other.set("Y", 2);
-    other.set("Z", 3);
-    ASSERT_TRUE(list.set("L", other, XmlList::SetModify));
-    EXPECT_EQ(list.size(), 1);
-    EXPECT_EQ(list.first("L").getXmlList().size(), 2);
 }
 
 TEST_F(XmlListTest, IteratorWalksStepsInAndEditsInPlace)
