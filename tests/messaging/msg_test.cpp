@@ -79,22 +79,6 @@ TEST_F(MsgContent, ConstructorsComputeTheSourceAndTheAuthorization)
     EXPECT_EQ(Msg(remote("beta", 3), QString()).lastError(), eMsgResultInvalidArgs);
 }
 
-TEST(MsgInContext, TheComputedSourceIsTheAddressToAnswerTo)
-{
-    ASSERT_TRUE(runInNewHome(
-        [] {
-            EXPECT_EQ(Msg(MsgAddress(eMsgAddressContext, 9), "P").source(), Context::address());
-            EXPECT_FALSE(Msg(MsgAddress(eMsgAddressHub, 1), "P").source());
-            // Over a route the answer goes back the reversed way.
-            MsgRoute route;
-            route.append(MachineName("first"));
-            route.append(MachineName("second"));
-            const MsgAddress far(route, 5);
-            EXPECT_EQ(Msg(far, "P").source(), far.returnAddress(Context::address(), 0));
-        },
-        "Source"));
-}
-
 TEST_F(MsgContent, RebuiltFromAPacket)
 {
     XmlList body;
@@ -197,10 +181,20 @@ TEST_F(MsgContent, BodyValuesCopiesAndClones)
 // ---------------------------------------------------------------------------
 // Dispatch on one thread
 
-TEST(MsgDispatch, RepliesCarryTheCookieAndTheirData)
+TEST(MsgDispatch, RepliesGoToTheComputedSourceWithTheCookieAndTheirData)
 {
     ASSERT_TRUE(runInNewHome(
         [] {
+            // The computed source is the address to answer to.
+            EXPECT_EQ(Msg(MsgAddress(eMsgAddressContext, 9), "P").source(), Context::address());
+            EXPECT_FALSE(Msg(MsgAddress(eMsgAddressHub, 1), "P").source());
+            // Over a route the answer goes back the reversed way.
+            MsgRoute route;
+            route.append(MachineName("first"));
+            route.append(MachineName("second"));
+            const MsgAddress far(route, 5);
+            EXPECT_EQ(Msg(far, "P").source(), far.returnAddress(Context::address(), 0));
+
             Msg request(Context::address(), "ReadRequest");
             request.setCookie("req 1");
             ASSERT_TRUE(request.send());
