@@ -5,6 +5,7 @@
 #include "core/traceerrorcode.h"
 #include "core/tracefilter.h"
 #include "core/traceprofile.h"
+#include "logging/log.h"
 #include "messaging/messaging.h"
 #include "messaging/msg.h"
 #include "messaging/msgcatalogue.h"
@@ -118,7 +119,8 @@ unsigned Context::getId()
 }
 
 Context::Context(Type type, unsigned flags, const QString& title, const QString& name, const QString& group)
-    : msTitle(title)
+    : mpLog(new Log)
+    , msTitle(title)
     , muiFlags(flags)
 {
     muiId = getId();
@@ -177,6 +179,7 @@ Context::Context(const MsgAddress& address, const SharedMemoryId& traceBuffer, c
     : meType(TypeAdopted)
     , moAddress(address)
     , moPhysicalAddress(address)
+    , mpLog(new Log)
     , moMachineName(address.machine())
     , msTitle(title)
 {
@@ -223,6 +226,7 @@ Context::~Context()
         Trace::object(nullptr);
     if (threadContext == this)
         threadContext = nullptr;
+    delete mpLog;
 }
 
 boost::shared_ptr<Messaging> Context::createStandaloneMessaging()
@@ -379,6 +383,8 @@ unsigned Context::uniqueId() { return threadContext ? ++threadContext->muiUnique
 const QString& Context::baseName() { return msBaseName; }
 
 SecurityAttributes* Context::security() { return threadContext ? &threadContext->moSecurity : nullptr; }
+
+Log* Context::logging() { return threadContext ? threadContext->mpLog : nullptr; }
 
 boost::shared_ptr<Messaging> Context::messaging()
 {

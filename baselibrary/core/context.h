@@ -18,6 +18,7 @@
 namespace Brevi {
 
 class Authorization;
+class Log;
 class ManageMsgHandlers;
 class Messaging;
 class Msg;
@@ -110,6 +111,8 @@ public:
     static const MsgAddress& address();
     static const MsgAddress& parentAddress();
     static const MachineName& machineName();
+    // The context's operator log; null on a thread without a context.
+    static Log* logging();
 
     const QString& title() const { return msTitle; }
     const QString& name() const { return msName; }
@@ -202,6 +205,7 @@ private:
     boost::shared_ptr<Messaging> mptMessaging;
     unsigned muiUniqueId = 0;
     unsigned muiTemporaryFile = 0;
+    Log* mpLog = nullptr;
     SecurityAttributes moSecurity;
     MachineName moMachineName;
     QString msTitle;

@@ -247,6 +247,11 @@ bool Messaging::proxyLog(const Msg& message)
 {
     if (message.source().type() != eMsgAddressContext || message.name() != Catalogue::LogDaemonLocalWriteLog::Message)
         return false;
+    // This context's own log message, come back to it because its logging
+    // address is its own: it is for whoever reads here. Passing it on again
+    // would send it round the loop for ever.
+    if (message.source() == moAddress)
+        return false;
     // A thread of this process logs through this context.
     if (moLoggingAddress) {
         BTRACE(TraceDebug) << "#### Proxy a log message ####" << message.source() << "to" << moLoggingAddress;
@@ -411,7 +416,7 @@ bool Messaging::removeAuthorization(const QString& name, const Authorization& au
 
 bool Messaging::haveStandaloneContexts() { return !mbDisabled && mptHandler->prepareQueue(); }
 
-MsgAddress Messaging::connect(const boost::shared_ptr<Messaging>& other, const QString& cookie, int proxy)
+MsgAddress Messaging::connect(const boost::shared_ptr<Messaging>& other, const QString& cookie, Log::Proxy proxy)
 {
     MsgAddress result;
     if (!other) {
@@ -441,7 +446,7 @@ MsgAddress Messaging::connect(const boost::shared_ptr<Messaging>& other, const Q
         }
     }
 
-    if (result && !moLoggingAddress && proxy == LogProxy && result.type() == eMsgAddressAttached) {
+    if (result && !moLoggingAddress && proxy == Log::eProxy && result.type() == eMsgAddressAttached) {
         moLoggingAddress = result;
         BTRACE(TraceNormal) << "Log to" << moLoggingAddress;
     }

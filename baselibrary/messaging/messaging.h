@@ -7,6 +7,7 @@
 #include "core/machinename.h"
 #include "core/operatorboolgenerator.h"
 #include "datachannel/datachanneltransport.h"
+#include "logging/log.h"
 #include "messaging/binaryaddress.h"
 #include "messaging/ipcresult.h"
 #include "messaging/msg.h"
@@ -44,7 +45,7 @@ class TCPSocketSelect;
 // reach it. Connecting the thread of a worker to its parent:
 //
 //     // in the worker, with a Context of its own:
-//     MsgAddress parent = Context::messaging()->connect(parentMessaging, "job 7", 0);
+//     MsgAddress parent = Context::messaging()->connect(parentMessaging, "job 7", Log::eNoProxy);
 //     // the parent gets MsgConnectedPost with cookie "job 7" from the worker;
 //     // messages now go both ways through the two contexts' queues.
 //
@@ -63,10 +64,6 @@ class BREVI_EXPORT Messaging
 {
 public:
     typedef DatachannelTransport::Transport Transport;
-
-    // The `proxy` value of `connect` that makes the connected context the
-    // log proxy of this one (Log::Proxy's value 1).
-    static const int LogProxy = 1;
 
     // Plain: disabled, every call fails.
     Messaging();
@@ -87,8 +84,13 @@ public:
     const MsgAddress& address() const { return moAddress; }
     const MsgAddress& physicalAddress() const { return moPhysicalAddress; }
     const MsgAddress& parentAddress() const { return moParentAddress; }
-    // Where this context's log messages go; invalid when nowhere.
+    // Where this context's log messages go; invalid when nowhere. An
+    // attached context sends to the machine's log daemon; a thread's context
+    // to the attached context it was connected to with Log::eProxy.
     const MsgAddress& loggingAddress() const { return moLoggingAddress; }
+    // For a context that is to log elsewhere; the invalid address stops its
+    // logging. Owner's thread only.
+    void setLoggingAddress(const MsgAddress& address) { moLoggingAddress = address; }
     unsigned contextId() const { return muiContextId; }
     // The descriptor of the Hub link; -1 for a context without one.
     int socket();
@@ -168,9 +170,9 @@ public:
     // other, and sends `other` a MsgConnectedPost with `cookie`. Returns
     // `other`'s address; the invalid address on failure, in which case
     // `other` is told with MsgDisconnectedPost (`failed`). With `proxy`
-    // LogProxy and no logging address yet, an attached `other` becomes this
-    // context's log proxy.
-    MsgAddress connect(const boost::shared_ptr<Messaging>& other, const QString& cookie, int proxy);
+    // Log::eProxy and no logging address yet, an attached `other` becomes
+    // this context's log proxy.
+    MsgAddress connect(const boost::shared_ptr<Messaging>& other, const QString& cookie, Log::Proxy proxy);
     // Sends `address` a MsgDisconnectedPost with `cookie` (if not empty), then
     // forgets its queue. True when it was connected.
     bool disconnect(const MsgAddress& address, const QString& cookie);

@@ -60,7 +60,7 @@ bool ThreadComms::sameThread()
     return true;
 }
 
-bool ThreadComms::connect(int proxy)
+bool ThreadComms::connect(Log::Proxy proxy)
 {
     if (!mptMessaging) {
         BTRACE(TraceAlways) << "Other thread data is invalid" << msName;

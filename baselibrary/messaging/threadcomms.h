@@ -3,6 +3,7 @@
 
 #include "brevi_export.h"
 #include "core/xmllist.h"
+#include "logging/log.h"
 #include "messaging/msgaddress.h"
 
 #include <QString>
@@ -25,7 +26,7 @@ class Messaging;
 //     // hello.getCookie() == "backup job 7"; hello.source() is the worker
 //
 //     // in the worker, inside a context of its own:
-//     if (!comms.connect(Messaging::LogProxy))
+//     if (!comms.connect(Log::eProxy))
 //         return;
 //     comms.send("JobProgressPost", body);   // cookie "backup job 7"
 //     comms.disconnect();
@@ -67,10 +68,10 @@ public:
 
     // In the other thread: connects its Messaging with the one kept here, so
     // that messages go both ways, and tells the kept side MsgConnectedPost
-    // with this link's name. `proxy` Messaging::LogProxy makes an attached
-    // kept side carry this thread's log messages. True when connected (or
-    // when called in the thread that made the object, which needs no queue).
-    bool connect(int proxy = 0);
+    // with this link's name. `proxy` Log::eProxy makes an attached kept side
+    // carry this thread's log messages. True when connected (or when called
+    // in the thread that made the object, which needs no queue).
+    bool connect(Log::Proxy proxy = Log::eNoProxy);
     // Tells the kept side MsgDisconnectedPost with this link's name, and
     // takes both sides' queues apart. False when not connected.
     bool disconnect();

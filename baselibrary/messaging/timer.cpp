@@ -311,7 +311,7 @@ bool Timer::connect()
     }
     if (messaging->isConnected(state.moAddress))
         return true;
-    if (!messaging->connect(state.mptMessaging, Catalogue::TimerGreeting, 0)) {
+    if (!messaging->connect(state.mptMessaging, Catalogue::TimerGreeting, Log::eNoProxy)) {
         BTRACE(TraceAlways) << "Failed to connect to timer thread" << state.moAddress;
         return false;
     }

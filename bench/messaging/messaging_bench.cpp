@@ -99,7 +99,7 @@ std::atomic<bool> gWorkerReady{false};
 
 void echoWorker()
 {
-    const MsgAddress parent = Context::messaging()->connect(gParent, "bench", 0);
+    const MsgAddress parent = Context::messaging()->connect(gParent, "bench", Log::eNoProxy);
     if (!parent)
         return;
     ManageMsgHandlers handlers;

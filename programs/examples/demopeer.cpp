@@ -11,6 +11,8 @@
 
 #include "core/context.h"
 #include "core/trace.h"
+#include "logging/log.h"
+#include "logging/logline.h"
 #include "messaging/msg.h"
 #include "messaging/msgaddress.h"
 #include "messaging/msgcatalogue.h"
@@ -34,6 +36,17 @@ const char* const PongName = "Pong";
 const char* const DemoGroup = "Demo";
 const int ReplySeconds = 10;
 const int FindAttempts = 100;
+const char* const LogCategory = "Demo";
+
+// The operator's view of a process: its start and its end, through the log
+// daemon.
+void logState(const QString& process, Log::LogProcessStateE state)
+{
+    if (Log* log = Context::logging()) {
+        log->initialiseStateLogging(LogCategory, process, state);
+        log->sendMessage();
+    }
+}
 
 QTextStream& out()
 {
@@ -46,6 +59,7 @@ MsgAddress pongAddress() { return MsgAddress(Context::machineName(), PongName, D
 void pong(int& result, int, char** const)
 {
     BTRACE(TraceAlways) << "Pong is up at" << Context::address();
+    logState(PongName, Log::eProcessStarted);
     unsigned answered = 0;
     for (;;) {
         const Msg msg = Msg::wait(QStringList{PingRequest, StopPost}, -1);
@@ -56,40 +70,55 @@ void pong(int& result, int, char** const)
         }
         if (msg.name() == StopPost)
             break;
-        XmlList body;
-        body.set("Sequence", msg.getUint32("Sequence"));
-        if (!msg.reply(PingReply, body))
+        if (!msg.reply(PingReply))
             BTRACE(TraceAlways) << "Failed to reply to" << msg.source();
         ++answered;
     }
     BTRACE(TraceAlways) << "Pong answered" << answered << "requests";
+    BREVI_LOG(LogCategory, Log::eLogInformation) << "%1s answered %2i requests" << PongName << answered;
+    logState(PongName, Log::eProcessShutdown);
     out() << "pong: answered " << answered << " requests\n";
     out().flush();
 }
 
-// One request and its reply; false when the pong could not be reached.
+// One request and its reply, told apart from anything else that comes back
+// (a log line that could not be delivered, say) by the request's cookie;
+// false when the pong could not be reached.
 bool roundTrip(unsigned sequence, bool* undeliverable)
 {
+    const QString cookie = QString::number(sequence);
     Msg request(pongAddress(), PingRequest);
-    request.set("Sequence", sequence);
+    request.setCookie(cookie);
     if (!request.send())
         return false;
     const QStringList answers{PingReply, Catalogue::HubRtrUndeliverableMessagePost::Message};
-    const Msg answer = Msg::wait(answers, ReplySeconds);
-    *undeliverable = answer && answer.name() != PingReply;
-    return answer && !*undeliverable && answer.getUint32("Sequence") == sequence;
+    *undeliverable = false;
+    for (;;) {
+        const Msg answer = Msg::wait(answers, ReplySeconds);
+        if (!answer)
+            return false;
+        if (answer.name() == PingReply && answer.getCookie() == cookie)
+            return true;
+        if (answer.name() != PingReply &&
+            answer.getString(Catalogue::HubRtrUndeliverableMessagePost::Cookie) == cookie) {
+            *undeliverable = true;
+            return false;
+        }
+    }
 }
 
 void ping(int& result, int argc, char** const argv)
 {
     const unsigned count = argc > 2 ? unsigned(std::strtoul(argv[2], nullptr, 10)) : 1000;
     BTRACE(TraceAlways) << "Ping is up at" << Context::address() << "and looks for" << pongAddress();
+    logState("Ping", Log::eProcessStarted);
 
     bool undeliverable = false;
     int attempt = 0;
     while (!roundTrip(0, &undeliverable)) {
         if (!undeliverable || ++attempt == FindAttempts) {
             out() << "ping: no process named " << PongName << " in group " << DemoGroup << "\n";
+            BREVI_LOG(LogCategory, Log::eLogError) << "No process named %1s in group %2s" << PongName << DemoGroup;
             result = 1;
             return;
         }
@@ -107,10 +136,14 @@ void ping(int& result, int argc, char** const argv)
     }
     const double microseconds = double(clock.nsecsElapsed()) / 1000.0 / (count ? count : 1);
     BTRACE(TraceAlways) << "Ping made" << count << "round trips";
+    BREVI_LOG(LogCategory, Log::eLogInformation)
+        << "%1i round trips through the Hub on %2m, %3s microseconds each" << count << Context::machineName()
+        << QString::number(microseconds, 'f', 1);
     out() << "ping: " << count << " round trips through the Hub, " << QString::number(microseconds, 'f', 1)
           << " us each\n";
     out().flush();
     Msg(pongAddress(), StopPost).send(true);
+    logState("Ping", Log::eProcessShutdown);
 }
 
 int usage()

@@ -216,17 +216,20 @@ void HubManager::attach(HubLink& link, const MsgPacket& packet, const XmlList& b
     entry->linkSerial = link.serial();
 
     ProcessCreator::Pending pending;
-    const bool created = entry->osPid && moHub.creator().take(entry->osPid, pending);
+    const bool created = entry->osPid && moHub.creator().find(entry->osPid, pending);
     if (created)
         entry->parentAddress = pending.request.parentAddress;
 
     if (!moHub.processes().add(entry)) {
         BTRACE(TraceAlways) << "Name conflict:" << entry->name << "group" << entry->group << "is taken";
-        if (created)
+        if (created && moHub.creator().take(entry->osPid, pending))
             creationDone(pending, HubMgrCreateProcessReply::StatusNameConflict);
         return refuseAttach(link, packet, "a live process has that name and group");
     }
     link.setProcessId(entry->processId);
+    // Its starter hears of it once the connection is enabled.
+    if (created)
+        moHub.creator().attached(entry->osPid, entry->processId);
     if (entry->kind == ProcessEntry::eMonitored)
         entry->pidfd = openPidfd(entry->osPid);
 
@@ -243,8 +246,6 @@ void HubManager::attach(HubLink& link, const MsgPacket& packet, const XmlList& b
 
     moHub.notifications().attached(*entry);
     tellMonitors(HubMgrMonitorProcessNewPost::Message, monitorEntry(*entry));
-    if (created)
-        creationDone(pending, HubMgrCreateProcessReply::StatusSuccess, entry);
 }
 
 void HubManager::traceBuffer(HubLink& link, const MsgPacket& packet)
@@ -280,6 +281,11 @@ void HubManager::enable(HubLink& link, const MsgPacket& packet)
     }
     reply(link, packet, RouterId, HubRtrConnectionEnableReply::Message, XmlList());
     BTRACE(TraceNormal) << "Connection of process" << process->processId << "enabled";
+    // Now its starter may talk to it: what it sends comes after the enable
+    // reply on the child's link.
+    ProcessCreator::Pending pending;
+    if (moHub.creator().takeChild(process->processId, pending))
+        creationDone(pending, HubMgrCreateProcessReply::StatusSuccess, process);
     if (!process->notifyReady && process->state == ProcessEntry::eStateEnabled)
         becomeReady(*process);
     else
@@ -353,6 +359,10 @@ void HubManager::processEnded(const ProcessEntry& process)
 {
     moMonitors.erase(process.processId);
     moHub.creator().forget(process.processId);
+    // A child that goes before its connection is enabled has failed to start.
+    ProcessCreator::Pending pending;
+    if (moHub.creator().takeChild(process.processId, pending))
+        creationDone(pending, HubMgrCreateProcessReply::StatusAttachFailed);
     XmlList body;
     body.set(HubMgrMonitorProcessEndPost::Id, process.serial);
     body.set(HubMgrMonitorProcessEndPost::ProcessId, process.processId);
@@ -451,7 +461,10 @@ void HubManager::createProcess(HubLink& link, const MsgPacket& packet, const Xml
     QString status;
     if (moHub.shuttingDown())
         status = HubMgrCreateProcessReply::StatusShutdown;
-    else if (moHub.processes().conflicts(request.name, request.group))
+    else if (moHub.processes().conflicts(request.name, request.group) ||
+             moHub.creator().claims(request.name, request.group))
+        // A child already on its way to the name would refuse this one's
+        // attach: no use starting it.
         status = HubMgrCreateProcessReply::StatusNameConflict;
     else
         status = moHub.creator().start(request, moHub.now() + moHub.options().attachTimeoutMs);

@@ -66,6 +66,10 @@ void hubMain(int& result, int, char** const)
     BTRACE(TraceAlways) << "Hub starting: machine" << options.machineName().fullName() << "port" << options.port
                         << "programs" << options.programsDirectory << "trace buffers" << options.traceBufferSize;
     Hub hub(options);
+    // Before listening: whoever starts the Hub takes an accepted connection
+    // as its sign of life and may ask it to stop at once, which must end it
+    // the orderly way, not by the signal's default action.
+    installSignals();
     if (!hub.listen()) {
         QTextStream(stderr) << "hub: cannot listen on 127.0.0.1 port " << options.port << " (see the trace in "
                             << FixedPath::trace() << ")\n";
@@ -73,7 +77,6 @@ void hubMain(int& result, int, char** const)
         result = 1;
         return;
     }
-    installSignals();
     report('0');
     result = hub.run();
 }

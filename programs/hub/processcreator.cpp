@@ -64,10 +64,40 @@ QString ProcessCreator::start(const Request& request, unsigned long long deadlin
     return QString();
 }
 
+bool ProcessCreator::find(unsigned osPid, Pending& pending) const
+{
+    const auto it = std::find_if(moPending.begin(), moPending.end(),
+                                 [osPid](const Pending& item) { return item.osPid == osPid && !item.processId; });
+    if (it == moPending.end())
+        return false;
+    pending = *it;
+    return true;
+}
+
 bool ProcessCreator::take(unsigned osPid, Pending& pending)
 {
-    const auto it =
-        std::find_if(moPending.begin(), moPending.end(), [osPid](const Pending& item) { return item.osPid == osPid; });
+    const auto it = std::find_if(moPending.begin(), moPending.end(),
+                                 [osPid](const Pending& item) { return item.osPid == osPid && !item.processId; });
+    if (it == moPending.end())
+        return false;
+    pending = *it;
+    moPending.erase(it);
+    return true;
+}
+
+void ProcessCreator::attached(unsigned osPid, unsigned processId)
+{
+    for (Pending& item : moPending)
+        if (item.osPid == osPid && !item.processId) {
+            item.processId = processId;
+            return;
+        }
+}
+
+bool ProcessCreator::takeChild(unsigned processId, Pending& pending)
+{
+    const auto it = std::find_if(moPending.begin(), moPending.end(),
+                                 [processId](const Pending& item) { return item.processId == processId; });
     if (it == moPending.end())
         return false;
     pending = *it;
@@ -92,13 +122,14 @@ std::vector<ProcessCreator::Pending> ProcessCreator::expired(unsigned long long 
             ++it;
             continue;
         }
+        const char* step = it->processId ? "enabled its connection" : "attached";
         if (alive) {
             // Its starter is told it failed: nobody wants it now.
-            BTRACE(TraceAlways) << "Process" << it->osPid << "of" << it->request.program
-                                << "did not attach in time, ending it";
+            BTRACE(TraceAlways) << "Process" << it->osPid << "of" << it->request.program << "has not" << step
+                                << "in time, ending it";
             ::kill(pid_t(it->osPid), SIGTERM);
         } else {
-            BTRACE(TraceAlways) << "Process" << it->osPid << "of" << it->request.program << "ended before it attached";
+            BTRACE(TraceAlways) << "Process" << it->osPid << "of" << it->request.program << "ended before it" << step;
         }
         result.push_back(*it);
         it = moPending.erase(it);
@@ -110,7 +141,21 @@ std::vector<ProcessCreator::Pending> ProcessCreator::takeAll()
 {
     std::vector<Pending> result;
     result.swap(moPending);
+    for (const Pending& pending : result)
+        if (running(pending.osPid)) {
+            BTRACE(TraceNormal) << "Process" << pending.osPid << "of" << pending.request.program
+                                << "has not attached before shutdown, ending it";
+            ::kill(pid_t(pending.osPid), SIGTERM);
+        }
     return result;
+}
+
+bool ProcessCreator::claims(const QString& name, const QString& group) const
+{
+    if (name.isEmpty())
+        return false;
+    return std::any_of(moPending.begin(), moPending.end(),
+                       [&](const Pending& item) { return item.request.name == name && item.request.group == group; });
 }
 
 void ProcessCreator::forget(unsigned requester)

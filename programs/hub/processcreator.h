@@ -26,8 +26,12 @@ namespace Brevi {
 // BREVI_CONTEXT_NAME, BREVI_CONTEXT_GROUP and BREVI_CONTEXT_TRACE_FILE (empty
 // when not given, so that the Hub's own values never leak into it) and the
 // Hub's port in BREVI_HUB_PORT. The Hub matches the attach by the child's
-// operating-system pid. A child that has not attached in time is sent
-// SIGTERM: its starter has been told "Attach Failed" and nobody wants it.
+// operating-system pid, and answers "Success" only once the child's
+// connection is enabled: until its trace buffer has come, a process takes any
+// other message for a broken start, so its starter must not be told to go
+// ahead before. A child that has not got that far in time is sent SIGTERM:
+// its starter has been told "Attach Failed" and nobody wants it. So is one
+// still starting when the Hub shuts down, whose starter is told "Shutdown".
 //
 // Threads: the Hub's one thread (Spawn changes the environment of the whole
 // process for a moment).
@@ -51,6 +55,8 @@ public:
     struct Pending {
         Request request;
         unsigned osPid = 0;
+        // The child's ProcessId once it has attached; 0 before.
+        unsigned processId = 0;
         unsigned long long deadline = 0;
     };
 
@@ -60,16 +66,28 @@ public:
     // its attach. Otherwise the status word of the failure.
     QString start(const Request& request, unsigned long long deadline);
 
-    // The request waiting for the process with this pid, taken out; false if
-    // none waits for it.
+    // The request waiting for the attach of the process with this pid, left
+    // in place; false if none waits for it.
+    bool find(unsigned osPid, Pending& pending) const;
+    // That request, taken out: its child may not attach.
     bool take(unsigned osPid, Pending& pending);
-    // Requests whose time is up or whose child has ended without attaching,
-    // taken out.
+    // Its child has attached as `processId`; the request now waits for the
+    // child's connection to be enabled.
+    void attached(unsigned osPid, unsigned processId);
+    // The request whose child attached as `processId`, taken out: the
+    // child's connection is enabled, or the child has gone. False if none
+    // waits for it.
+    bool takeChild(unsigned processId, Pending& pending);
+    // Requests whose time is up or whose child has ended before it was
+    // enabled, taken out.
     std::vector<Pending> expired(unsigned long long now);
-    // Every request still waiting, taken out (the Hub is shutting down).
+    // Every request still waiting, taken out, and their children ended: the
+    // Hub is shutting down, and each starter is told so.
     std::vector<Pending> takeAll();
     // Requests of a process that has gone are dropped: nobody to answer.
     void forget(unsigned requester);
+    // A request waits for a child that is to bear this name and group.
+    bool claims(const QString& name, const QString& group) const;
     bool waiting() const { return !moPending.empty(); }
 
     // Collects the children that have ended. True while any is still held.

@@ -107,7 +107,7 @@ MsgAddress goMainAddress;
 void worker()
 {
     const boost::shared_ptr<Messaging> own = Context::messaging();
-    if (!own->connect(gptMain, "worker", 0))
+    if (!own->connect(gptMain, "worker", Log::eNoProxy))
         return;
     giWorker = 1;
     for (int tick = 0; tick < Lifetime * 20; ++tick) {

@@ -5,6 +5,8 @@
 //              says "HubTestHelloPost" to its parent address, answers
 //              "HubTestEchoRequest", and ends on HubRtrShutdownPost
 //   noattach   ends at once with status 3
+//   noenable   attaches and takes its trace buffer, then ends with status 6
+//              without enabling its connection
 //   silent     connects and never attaches
 //   monitored  attaches as a monitored process, drops its link as such a
 //              process does, and runs on until killed
@@ -101,5 +103,10 @@ int main(int argc, char** argv)
     }
     if (mode == "monitored")
         return monitoredMode(client);
+    if (mode == "noenable") {
+        client.attach(variable("BREVI_CONTEXT_TITLE"));
+        client.traceBuffer();
+        return 6;
+    }
     return attachMode(client);
 }

@@ -8,6 +8,7 @@
 
 #include <QFile>
 #include <QTemporaryDir>
+#include <QThread>
 
 using namespace Brevi;
 using namespace Brevi::Catalogue;
@@ -22,7 +23,7 @@ class HubCreate : public HubFixture
 protected:
     void SetUp() override
     {
-        for (const char* name : {"childattach", "childnoattach", "childsilent"})
+        for (const char* name : {"childattach", "childnoattach", "childsilent", "childnoenable"})
             ASSERT_TRUE(QFile::link(childProgram(), moPrograms.filePath(name)));
         QFile plain(moPrograms.filePath("notexec"));
         ASSERT_TRUE(plain.open(QIODevice::WriteOnly));
@@ -31,9 +32,7 @@ protected:
         startHub({"--programs", moPrograms.path(), "--attach-timeout", "1500"});
     }
 
-    // Sends a creation request and returns the reply's body.
-    XmlList create(HubClient& parent, const QString& program, unsigned instance, const QString& name = QString(),
-                   const QString& group = QString())
+    static XmlList requestBody(const QString& program, unsigned instance, const QString& name, const QString& group)
     {
         XmlList body;
         body.set(HubMgrCreateProcessRequest::Program, program);
@@ -44,8 +43,22 @@ protected:
             body.set(HubMgrCreateProcessRequest::Group, group);
         }
         body.set(HubMgrCreateProcessRequest::TraceFile, QStringLiteral("kid.tra"));
-        const boost::shared_ptr<MsgPacket> reply = parent.request(parent.manager(), HubMgrCreateProcessRequest::Message,
-                                                                  body, HubMgrCreateProcessReply::Message, 10000);
+        return body;
+    }
+
+    // Sends a creation request without waiting for its answer.
+    bool ask(HubClient& parent, const QString& program, unsigned instance, const QString& name = QString(),
+             const QString& group = QString())
+    {
+        return parent.send(parent.manager(), HubMgrCreateProcessRequest::Message,
+                           requestBody(program, instance, name, group));
+    }
+
+    // Waits for the next creation reply, which must be the one for
+    // `instance`, and returns its body.
+    XmlList answer(HubClient& parent, unsigned instance)
+    {
+        const boost::shared_ptr<MsgPacket> reply = parent.wait(HubMgrCreateProcessReply::Message, 10000);
         if (!reply)
             return XmlList();
         EXPECT_EQ(reply->source().text().toQByteArray(), parent.manager());
@@ -53,6 +66,15 @@ protected:
         EXPECT_TRUE(reply->xml().get(got, HubMgrCreateProcessReply::Instance));
         EXPECT_EQ(got, instance);
         return reply->xml();
+    }
+
+    // Sends a creation request and returns the reply's body.
+    XmlList create(HubClient& parent, const QString& program, unsigned instance, const QString& name = QString(),
+                   const QString& group = QString())
+    {
+        if (!ask(parent, program, instance, name, group))
+            return XmlList();
+        return answer(parent, instance);
     }
 
     static QString status(const XmlList& reply)
@@ -117,7 +139,61 @@ TEST_F(HubCreate, FailuresAnswerWithTheirStatusWords)
     EXPECT_EQ(status(create(*parent, "", 4)), "Invalid");
     // Ends without attaching; starts and never attaches (the Hub waits 1.5 s).
     EXPECT_EQ(status(create(*parent, "childnoattach", 5)), "Attach Failed");
+    // Attached, but gone before its connection was enabled: nobody could
+    // have spoken to it.
+    EXPECT_EQ(status(create(*parent, "childnoenable", 7)), "Attach Failed");
     const unsigned long long before = steadyMs();
     EXPECT_EQ(status(create(*parent, "childsilent", 6)), "Attach Failed");
     EXPECT_GE(steadyMs() - before, 1000u);
+}
+
+TEST_F(HubCreate, ANameIsTakenFromTheStartOfItsChild)
+{
+    std::unique_ptr<HubClient> parent = started("parent");
+    // The first child never attaches; while it is starting, its name is not
+    // to be had, and no second child is started for it.
+    ASSERT_TRUE(ask(*parent, "childsilent", 7, "kid", "g"));
+    EXPECT_EQ(status(create(*parent, "childattach", 8, "kid", "g")), "Name Conflict");
+    EXPECT_EQ(status(answer(*parent, 7)), "Attach Failed");
+    // The name is free again once the first start has failed.
+    EXPECT_EQ(status(create(*parent, "childattach", 9, "kid", "g")), "Success");
+}
+
+TEST_F(HubCreate, ShutdownAnswersAStartInProgressAndEndsItsChild)
+{
+    TearDown();
+    startHub({"--programs", moPrograms.path(), "--attach-timeout", "30000"});
+    // A program that never attaches and tells where it runs.
+    const QString pidFile = moPrograms.filePath("sleeper.pid");
+    QFile script(moPrograms.filePath("sleeper"));
+    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+    script.write("#!/bin/sh\necho $$ > " + pidFile.toLocal8Bit() + ".new\nmv " + pidFile.toLocal8Bit() + ".new " +
+                 pidFile.toLocal8Bit() + "\nexec sleep 60\n");
+    script.close();
+    ASSERT_TRUE(script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+
+    std::unique_ptr<HubClient> parent = started("parent");
+    ASSERT_TRUE(ask(*parent, "sleeper", 11));
+    QFile written(pidFile);
+    for (const unsigned long long end = steadyMs() + 5000; !written.exists() && steadyMs() < end;)
+        QThread::msleep(10);
+    ASSERT_TRUE(written.open(QIODevice::ReadOnly));
+    const QString stat = "/proc/" + QString::fromLatin1(written.readAll().trimmed()) + "/stat";
+    // Alive, and not a zombie: the state is the word after the name.
+    auto alive = [&stat] {
+        QFile file(stat);
+        return file.open(QIODevice::ReadOnly) && !file.readAll().contains(") Z ");
+    };
+    ASSERT_TRUE(alive());
+
+    ASSERT_TRUE(parent->send("3/1", HubMgrShutdownPost::Message));
+    EXPECT_EQ(status(answer(*parent, 11)), "Shutdown");
+    EXPECT_TRUE(parent->wait(HubRtrShutdownPost::Message, 5000));
+    parent->close();
+    ASSERT_TRUE(mpHub->process().waitExit(10000));
+    // Nobody wants the child now: it does not live on to its own end.
+    bool ended = false;
+    for (const unsigned long long end = steadyMs() + 5000; !ended && steadyMs() < end; QThread::msleep(10))
+        ended = !alive();
+    EXPECT_TRUE(ended);
 }

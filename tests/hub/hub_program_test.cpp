@@ -63,3 +63,14 @@ TEST_F(HubProgram, DaemonReturnsOnceListeningAndEndsOnShutdown)
         gone = !accepts(port);
     EXPECT_TRUE(gone);
 }
+
+TEST_F(HubProgram, StoppedAsSoonAsItAcceptsItEndsCleanly)
+{
+    // A starter takes the first accepted connection as the Hub's sign of
+    // life; a stop at that moment must not find the Hub without its handler.
+    for (int round = 0; round < 10; ++round) {
+        HubProcess hub;
+        ASSERT_TRUE(hub.ready());
+        EXPECT_EQ(hub.stop(), 0) << "round " << round;
+    }
+}

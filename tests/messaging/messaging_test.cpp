@@ -72,7 +72,7 @@ MsgAddress connectToParent(const QString& cookie)
 {
     Link::worker = Context::messaging();
     Link::workerAddress = Context::address();
-    return Context::messaging()->connect(Link::parent, cookie, 0);
+    return Context::messaging()->connect(Link::parent, cookie, Log::eNoProxy);
 }
 
 // Answers EchoRequest with the same body until the parent disconnects.
@@ -174,7 +174,8 @@ TEST(MessagingThreads, TheParentHearsOfAWorkerThatFailed)
             WorkerThread twice(
                 [] {
                     EXPECT_TRUE(connectToParent("first"));
-                    EXPECT_FALSE(Context::messaging()->connect(Link::parent, "second", 0)) << "already connected";
+                    EXPECT_FALSE(Context::messaging()->connect(Link::parent, "second", Log::eNoProxy))
+                        << "already connected";
                 },
                 "Twice");
             EXPECT_EQ(Msg::wait(answers, 10).getCookie(), "first");
@@ -182,8 +183,8 @@ TEST(MessagingThreads, TheParentHearsOfAWorkerThatFailed)
             EXPECT_EQ(failed.name(), Disconnected);
             EXPECT_EQ(failed.getCookie(), "second");
         }
-        EXPECT_FALSE(Link::parent->connect(boost::shared_ptr<Messaging>(), "none", 0));
-        EXPECT_FALSE(Link::parent->connect(Link::parent, "self", 0));
+        EXPECT_FALSE(Link::parent->connect(boost::shared_ptr<Messaging>(), "none", Log::eNoProxy));
+        EXPECT_FALSE(Link::parent->connect(Link::parent, "self", Log::eNoProxy));
     });
 }
 
@@ -240,7 +241,8 @@ TEST(MessagingThreads, AReleasedQueueFailsTheNextSendAndItsEntryGoes)
         EXPECT_FALSE(Link::parent->isConnected(address)) << "the failed queue is forgotten";
         EXPECT_FALSE(Msg(address, "AnyPost").send()) << "and the next send has no way to go";
         EXPECT_FALSE(Link::worker->valid());
-        EXPECT_FALSE(Link::worker->connect(Link::parent, "again", 0)) << "a released messaging connects nowhere";
+        EXPECT_FALSE(Link::worker->connect(Link::parent, "again", Log::eNoProxy))
+            << "a released messaging connects nowhere";
         Link::go.open();
         worker.join();
 

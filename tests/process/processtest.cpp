@@ -21,11 +21,11 @@ const std::function<void()>* gpBody = nullptr;
 void runBody() { (*gpBody)(); }
 } // namespace
 
-void inContext(const std::function<void()>& body)
+void inContext(const std::function<void()>& body, Brevi::Context::Type type)
 {
     BreviTest::TestHome home;
     gpBody = &body;
-    const bool ran = Brevi::Context::run(runBody, Brevi::Context::Type(7), 0, "processtest");
+    const bool ran = Brevi::Context::run(runBody, type, 0, "processtest");
     gpBody = nullptr;
     ASSERT_TRUE(ran) << "the context did not come up";
 }

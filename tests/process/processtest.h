@@ -1,6 +1,7 @@
 #ifndef TESTS_PROCESS_PROCESSTEST_H
 #define TESTS_PROCESS_PROCESSTEST_H
 
+#include "core/context.h"
 #include "process/handle.h"
 
 #include "tracelines.h"
@@ -18,8 +19,9 @@ namespace ProcessTest {
 inline QString helper() { return QStringLiteral(HELPER_PATH); }
 
 // Runs `body` on this thread inside a context with tracing, under a fresh
-// BREVI_HOME, so that the trace lines of what it calls can be read back.
-void inContext(const std::function<void()>& body);
+// BREVI_HOME, so that the trace lines of what it calls can be read back. The
+// default type has no messaging; TypeStandalone gives the thread its own.
+void inContext(const std::function<void()>& body, Brevi::Context::Type type = Brevi::Context::Type(7));
 
 // The descriptors this process has open, sorted.
 QStringList openDescriptors();

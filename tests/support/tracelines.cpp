@@ -16,7 +16,7 @@ std::vector<TracedLine> drain(TraceDump& dump)
 {
     std::vector<TracedLine> lines;
     while (auto entry = dump.popEntry())
-        lines.push_back({entry->getLevel(), entry->getMessage()});
+        lines.push_back({entry->getLevel(), entry->getModuleId(), entry->getMessage()});
     return lines;
 }
 
@@ -75,6 +75,11 @@ std::vector<TracedLine> TraceReader::next()
 QStringList TraceReader::nextTexts() { return textsOf(next()); }
 
 ::testing::AssertionResult TraceReader::saw(const QString& text, int level) { return found(next(), text, level); }
+
+::testing::AssertionResult hasLine(const std::vector<TracedLine>& lines, const QString& text, int level)
+{
+    return found(lines, text, level);
+}
 
 std::vector<TracedLine> linesOf(const std::function<void()>& action)
 {

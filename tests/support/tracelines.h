@@ -22,6 +22,7 @@ namespace BreviTest {
 
 struct TracedLine {
     Brevi::TraceLevelE level;
+    unsigned module;
     QString text;
 };
 
@@ -46,6 +47,9 @@ private:
     const Brevi::Trace* mpoTrace = nullptr;
     Brevi::TracePosition moNext;
 };
+
+// Success when one of `lines` holds `text`.
+::testing::AssertionResult hasLine(const std::vector<TracedLine>& lines, const QString& text, int level = AnyLevel);
 
 // The lines `action` wrote on the calling thread.
 std::vector<TracedLine> linesOf(const std::function<void()>& action);
