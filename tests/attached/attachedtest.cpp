@@ -2,7 +2,6 @@
 
 #include "core/sharedmemoryid.h"
 #include "core/sharedmemoryuser.h"
-#include "core/tracedump.h"
 #include "core/xmllistiterator.h"
 #include "messaging/binaryaddress.h"
 #include "messaging/msgcatalogue.h"
@@ -10,6 +9,8 @@
 #include "sockets/netaddress.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
+
+#include "tracelines.h"
 
 #include <QDir>
 #include <QFile>
@@ -62,10 +63,8 @@ bool traced(const XmlList& monitorReply, const QString& title, const QString& te
         const SharedMemoryUser buffer{SharedMemoryId(entry, HubMgrMonitorReply::TraceId)};
         if (!buffer)
             continue;
-        TraceDump dump(buffer.address(), buffer.size(), nullptr, nullptr, nullptr);
-        while (const boost::shared_ptr<TraceDumpEntry> line = dump.popEntry())
-            if (line->getMessage().contains(text))
-                return true;
+        if (!BreviTest::ringTexts(buffer.address(), buffer.size()).filter(text).isEmpty())
+            return true;
     }
     return false;
 }

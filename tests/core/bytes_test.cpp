@@ -16,7 +16,9 @@ namespace {
 QByteArray hex(const Extent& extent) { return extent.hexDump(); }
 } // namespace
 
-TEST(Extent, CopiesStartAtTheFrontWhateverTheSourceCursor)
+// Copies start at the front whatever the source's cursor, and comparisons
+// look at the bytes only.
+TEST(Extent, CopiesAndComparisonsIgnoreTheCursor)
 {
     char bytes[10] = {};
     Extent extent(bytes, 10);
@@ -28,6 +30,17 @@ TEST(Extent, CopiesStartAtTheFrontWhateverTheSourceCursor)
     Extent assigned;
     assigned = extent;
     EXPECT_EQ(assigned.offset(), 0u);
+
+    char a[] = {1, 2, 3};
+    char b[] = {1, 2, 3};
+    Extent x(a, 3), y(b, 3);
+    x.offset(2);
+    EXPECT_TRUE(x == y);
+    b[2] = 4;
+    EXPECT_TRUE(x != y);
+    EXPECT_EQ(x.hexDump(), QByteArray("010203"));
+    EXPECT_EQ(x.hexDumpToOffset(), QByteArray("0102"));
+    EXPECT_EQ(x.hexDumpAvailable(), QByteArray("03"));
 }
 
 TEST(Extent, ZeroCountsTouchNoMemory)
@@ -84,20 +97,6 @@ TEST(Extent, TruncateRemoveAndElementSize)
     extent.offset(3);
     EXPECT_EQ(extent.truncate(10), 7u) << "the offset stays";
     EXPECT_EQ(extent.offset(), 3u);
-}
-
-TEST(Extent, ComparesBytesNotCursorsAndDumpsHex)
-{
-    char a[] = {1, 2, 3};
-    char b[] = {1, 2, 3};
-    Extent x(a, 3), y(b, 3);
-    x.offset(2);
-    EXPECT_TRUE(x == y);
-    b[2] = 4;
-    EXPECT_TRUE(x != y);
-    EXPECT_EQ(x.hexDump(), QByteArray("010203"));
-    EXPECT_EQ(x.hexDumpToOffset(), QByteArray("0102"));
-    EXPECT_EQ(x.hexDumpAvailable(), QByteArray("03"));
 }
 
 TEST(Buffer, GrowthRuleToTheByte)
@@ -161,7 +160,7 @@ TEST(Buffer, CopiesKeepTheCursorAndAssignmentToSelfDoesNothing)
     EXPECT_EQ(buffer.toQByteArray(), QByteArray("abcdef"));
 }
 
-TEST(Buffer, FlipClearAndCompactCycle)
+TEST(Buffer, FlipClearCompactAndSizeMoveTheCursor)
 {
     Buffer buffer(100);
     buffer.put("1234567", 7);
@@ -180,11 +179,9 @@ TEST(Buffer, FlipClearAndCompactCycle)
     buffer.clear();
     EXPECT_EQ(buffer.offset(), 0u);
     EXPECT_EQ(buffer.size(), buffer.reserved());
-}
 
-TEST(Buffer, SizeBelowTheOffsetMovesTheCursorToTheEnd)
-{
-    Buffer buffer(50);
+    // A size below the offset moves the cursor to the end.
+    buffer.size(50);
     buffer.offset(40);
     buffer.size(20);
     EXPECT_EQ(buffer.offset(), 20u);
@@ -269,7 +266,7 @@ TEST(Packing, RoundTripsEveryType)
     EXPECT_FALSE(unpack.take(ok));
 }
 
-TEST(Unpacking, ShortFixedValuesLeaveTheCursor)
+TEST(Unpacking, ShortFixedValuesLeaveTheCursorAndACorruptLengthPoisonsTheRest)
 {
     UnpackBuffer unpack;
     unpack.reset(QByteArray("\x01\x02\x03", 3));
@@ -280,11 +277,8 @@ TEST(Unpacking, ShortFixedValuesLeaveTheCursor)
     long long wide = 1;
     EXPECT_FALSE(unpack.take(wide));
     EXPECT_EQ(unpack.available(), 3u);
-}
 
-TEST(Unpacking, CorruptLengthPoisonsTheRest)
-{
-    UnpackBuffer unpack;
+    // A corrupt length poisons the rest.
     unpack.reset(QByteArray("\xff\xff\xff\xff"
                             "abcdefgh",
                             12));
@@ -297,7 +291,7 @@ TEST(Unpacking, CorruptLengthPoisonsTheRest)
     EXPECT_FALSE(ok);
 }
 
-TEST(Unpacking, LengthPrefixedItemsIntoRawMemory)
+TEST(Unpacking, LengthPrefixedItemsIntoRawMemoryAndASizedBuffer)
 {
     PackBuffer pack;
     pack.append("0123456789", 10);
@@ -313,15 +307,13 @@ TEST(Unpacking, LengthPrefixedItemsIntoRawMemory)
     EXPECT_TRUE(unpack.take(empty));
     EXPECT_TRUE(empty.isEmpty());
     EXPECT_EQ(unpack.takeInt32(), 42);
-}
 
-TEST(Unpacking, SizedCapacityReceivesThroughSize)
-{
-    UnpackBuffer unpack(64);
-    EXPECT_EQ(unpack.size(), 0u);
-    EXPECT_EQ(unpack.allocated(), 65u);
-    std::memcpy(unpack.data(), "\x05\x00\x00\x00", 4);
-    unpack.size(4);
-    EXPECT_EQ(unpack.available(), 4u);
-    EXPECT_EQ(unpack.takeUint32(), 5u);
+    // A sized buffer receives bytes and is told their count.
+    UnpackBuffer received(64);
+    EXPECT_EQ(received.size(), 0u);
+    EXPECT_EQ(received.allocated(), 65u);
+    std::memcpy(received.data(), "\x05\x00\x00\x00", 4);
+    received.size(4);
+    EXPECT_EQ(received.available(), 4u);
+    EXPECT_EQ(received.takeUint32(), 5u);
 }

@@ -4,11 +4,11 @@
 #include "core/context.h"
 #include "core/fixedpath.h"
 #include "core/sharedmemoryprovider.h"
-#include "core/tracedump.h"
 #include "messaging/messaging.h"
 #include "sockets/tcpsocketlisten.h"
 
 #include "testhome.h"
+#include "tracelines.h"
 
 #include <QDir>
 #include <QRegularExpression>
@@ -21,6 +21,7 @@
 #include <thread>
 
 using namespace Brevi;
+using BreviTest::ringTexts;
 using BreviTest::TestHome;
 
 namespace {
@@ -31,16 +32,6 @@ int gCalls = 0;
 void countCall() { ++gCalls; }
 
 QString pidText() { return QString::number(getpid()); }
-
-// The messages of the calling thread's trace ring.
-QStringList ringMessages()
-{
-    TraceDump dump(nullptr, nullptr, nullptr);
-    QStringList lines;
-    while (auto entry = dump.popEntry())
-        lines << entry->getMessage();
-    return lines;
-}
 
 // Runs `body` on a new thread inside a context of its own.
 void runOnThread(void (*body)(), const QString& title)
@@ -82,7 +73,7 @@ TEST(ContextRun, ATypeAboveFourRunsWithoutMessaging)
             EXPECT_EQ(Context::address(), MsgAddress(eMsgAddressContext, 1));
             EXPECT_FALSE(Context::parentAddress());
             EXPECT_TRUE(Context::machineName().isEmpty());
-            EXPECT_TRUE(ringMessages().contains("Address is '2/1' '2/1' 7"));
+            EXPECT_TRUE(ringTexts().contains("Address is '2/1' '2/1' 7"));
         },
         NoMessaging, 0, "Seven");
     EXPECT_TRUE(result);
@@ -170,15 +161,12 @@ TEST(ContextRun, AnAdoptedContextTracesIntoTheBufferItIsGiven)
     SharedMemoryUser reader(provider.id());
     ASSERT_TRUE(reader);
     EXPECT_FALSE(Trace::active(reader.address())) << "the destructor disabled it";
-    TraceDump dump(reader.address(), reader.size(), nullptr, nullptr, nullptr);
-    QStringList lines;
-    while (auto entry = dump.popEntry())
-        lines << entry->getMessage();
+    const QStringList lines = ringTexts(reader.address(), reader.size());
     EXPECT_TRUE(lines.contains("into the shared buffer")) << lines.join('\n').toStdString();
     EXPECT_TRUE(home.filesIn(home.trace()).isEmpty()) << "an adopted context has no trace file";
 
     Context lost(address, SharedMemoryId(), "Lost");
-    EXPECT_TRUE(ringMessages().contains("Invalid Trace buffer"));
+    EXPECT_TRUE(ringTexts().contains("Invalid Trace buffer"));
 }
 
 TEST(ContextStatics, NeutralAnswersWithoutAContext)
@@ -218,7 +206,7 @@ TEST(ContextStatics, CountersArePerContextAndIndependent)
                 "Worker");
             EXPECT_EQ(Context::uniqueId(), 3u);
             Context::traceHandles(TraceAlways);
-            EXPECT_EQ(ringMessages().last(), "traceHandle not implimented for windows");
+            EXPECT_EQ(ringTexts().last(), "traceHandle not implimented for windows");
         },
         NoMessaging, 0, "Counters");
 }
@@ -230,25 +218,19 @@ TEST(ContextStatics, CrunchNameEncodesEveryUnsafeCharacter)
     EXPECT_EQ(Context::crunchName(""), "");
 }
 
+// Unsafe characters of the title are crunched.
 TEST(ContextTraceFile, NameFromTitlePidAndContextId)
 {
     TestHome home;
     Context::run(
         [] {
-            runOnThread([] {}, "Log Daemon");
+            runOnThread([] {}, "Backup A/B");
             runOnThread([] {}, "Log Daemon");
         },
         NoMessaging, 0, "Log Daemon");
     EXPECT_EQ(home.filesIn(home.trace()),
-              QStringList({"log-daemon-" + pidText() + "-2.tra", "log-daemon-" + pidText() + "-3.tra",
+              QStringList({"backup-a_2f_b-" + pidText() + "-2.tra", "log-daemon-" + pidText() + "-3.tra",
                            "log-daemon-" + pidText() + ".tra"}));
-}
-
-TEST(ContextTraceFile, UnsafeCharactersAreCrunched)
-{
-    TestHome home;
-    Context::run([] {}, NoMessaging, 0, "Backup A/B");
-    EXPECT_EQ(home.filesIn(home.trace()), QStringList({"backup-a_2f_b-" + pidText() + ".tra"}));
 }
 
 TEST(ContextTraceFile, AFileWhereTheDirectoryShouldBeIsReplaced)
@@ -271,7 +253,7 @@ TEST(ContextTraceFile, UnwritableDirectoryLeavesTheRing)
     EXPECT_TRUE(Context::run(
         [] {
             BREVI_TRACE(TraceModuleApplication, TraceAlways) << "into the ring";
-            const QStringList lines = ringMessages();
+            const QStringList lines = ringTexts();
             EXPECT_TRUE(lines.filter("Cannot open trace file").size() == 1) << lines.join('\n').toStdString();
             EXPECT_EQ(lines.last(), "into the ring");
         },
@@ -289,7 +271,7 @@ TEST(ContextProfile, SettingsComeFromTheLineScan)
     Context::run(
         [] {
             EXPECT_EQ(Trace::getLevel(unsigned(TraceModuleRawFile)), TraceDebug);
-            EXPECT_TRUE(ringMessages().contains("Launched")) << "Launched is a debug line";
+            EXPECT_TRUE(ringTexts().contains("Launched")) << "Launched is a debug line";
         },
         NoMessaging, 0, "Profiled");
     EXPECT_EQ(home.filesIn(home.trace()), QStringList({"profiled-" + pidText() + "-000001.tra"}));
@@ -403,29 +385,26 @@ TEST_F(ContextCrash, AFaultLeavesBothDumpFilesAndEndsByTheSignal)
     EXPECT_TRUE(text.contains("about to crash in mode segv"));
 }
 
-TEST_F(ContextCrash, AnUncaughtExceptionDumpsAndAborts)
+// An uncaught exception aborts; a fault on a thread without a context has no
+// trace to dump; a second dump in one process is not written.
+TEST_F(ContextCrash, OtherCrashesAndASecondDump)
 {
-    const BreviTest::ChildResult child =
-        BreviTest::runChild(CRASH_HELPER, {"terminate"}, {"BREVI_HOME=" + home.path()});
-    EXPECT_EQ(child.signal, SIGABRT);
-    EXPECT_EQ(dumps("*.dmp").size(), 1);
-    EXPECT_EQ(dumps("*.tra").size(), 1);
-}
-
-TEST_F(ContextCrash, AThreadWithoutAContextDumpsAsUnknown)
-{
-    const BreviTest::ChildResult child = BreviTest::runChild(CRASH_HELPER, {"thread"}, {"BREVI_HOME=" + home.path()});
-    EXPECT_EQ(child.signal, SIGSEGV);
-    const QStringList dmp = dumps("*.dmp");
-    ASSERT_EQ(dmp.size(), 1);
-    EXPECT_TRUE(dmp[0].startsWith("Unknown-2.2.11698-")) << dmp[0].toStdString();
-    EXPECT_TRUE(dumps("*.tra").isEmpty());
-}
-
-TEST_F(ContextCrash, OnlyTheFirstDumpOfAProcessIsWritten)
-{
-    const BreviTest::ChildResult child = BreviTest::runChild(CRASH_HELPER, {"twice"}, {"BREVI_HOME=" + home.path()});
-    EXPECT_EQ(child.exitCode, 0);
-    EXPECT_EQ(dumps("*.dmp").size(), 1);
-    EXPECT_EQ(dumps("*.tra").size(), 1);
+    const struct {
+        const char* mode;
+        int signal;
+        int traceDumps;
+        const char* prefix;
+    } cases[] = {{"terminate", SIGABRT, 1, "Crash Test-"},
+                 {"thread", SIGSEGV, 0, "Unknown-2.2.11698-"},
+                 {"twice", 0, 1, "Crash Test-"}};
+    for (const auto& c : cases) {
+        TestHome own;
+        const BreviTest::ChildResult child = BreviTest::runChild(CRASH_HELPER, {c.mode}, {"BREVI_HOME=" + own.path()});
+        EXPECT_EQ(child.signal, c.signal) << c.mode;
+        EXPECT_EQ(child.exitCode, c.signal ? -1 : 0) << c.mode;
+        const QStringList dmp = own.filesIn(own.dump(), "*.dmp");
+        ASSERT_EQ(dmp.size(), 1) << c.mode;
+        EXPECT_TRUE(dmp[0].startsWith(c.prefix)) << dmp[0].toStdString();
+        EXPECT_EQ(own.filesIn(own.dump(), "*.tra").size(), c.traceDumps) << c.mode;
+    }
 }

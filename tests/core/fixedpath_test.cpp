@@ -71,6 +71,12 @@ TEST(FixedPath, TraceDirectoryMovesAlone)
     ASSERT_TRUE(FixedPath::initialize());
     EXPECT_EQ(FixedPath::trace(), "/var/tmp/brevi trace");
     EXPECT_EQ(FixedPath::tmp(), home.path() + "/runtime/tmp");
+
+    // An overlong value reads as unset.
+    FixedPath::resetForTesting();
+    setenv("BREVI_TRACE", QByteArray(1100, 'x').constData(), 1);
+    ASSERT_TRUE(FixedPath::initialize());
+    EXPECT_EQ(FixedPath::trace(), home.path() + "/runtime/trace");
     unsetenv("BREVI_TRACE");
 }
 
@@ -104,13 +110,4 @@ TEST(FixedPath, StorePathsNeedRepositoryAndMetadataStore)
     for (const char* name :
          {"BREVI_REPOSITORY", "BREVI_METADATA_STORE", "BREVI_REPOSITORY_STREAM_DATA", "BREVI_REPOSITORY_STORES"})
         unsetenv(name);
-}
-
-TEST(FixedPath, OverlongEnvironmentValuesReadAsUnset)
-{
-    BreviTest::TestHome home;
-    setenv("BREVI_TRACE", QByteArray(1100, 'x').constData(), 1);
-    ASSERT_TRUE(FixedPath::initialize());
-    EXPECT_EQ(FixedPath::trace(), home.path() + "/runtime/trace");
-    unsetenv("BREVI_TRACE");
 }

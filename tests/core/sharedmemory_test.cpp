@@ -5,8 +5,9 @@
 #include "core/sharedmemoryprovider.h"
 #include "core/sharedmemoryuser.h"
 #include "core/trace.h"
-#include "core/tracedump.h"
 #include "core/xmllist.h"
+
+#include "tracelines.h"
 
 #include <gtest/gtest.h>
 
@@ -18,19 +19,7 @@
 #include <unistd.h>
 
 using namespace Brevi;
-
-namespace {
-
-QStringList traced(const Trace& trace)
-{
-    TraceDump dump(trace, nullptr, nullptr, nullptr);
-    QStringList lines;
-    while (auto entry = dump.popEntry())
-        lines << entry->getMessage();
-    return lines;
-}
-
-} // namespace
+using BreviTest::ringTexts;
 
 TEST(SharedMemoryId, ValidityAndWindows)
 {
@@ -52,7 +41,7 @@ TEST(SharedMemoryId, ValidityAndWindows)
     EXPECT_EQ(id.windowSize(), 15u);
 }
 
-TEST(SharedMemoryId, XmlFormRoundTrips)
+TEST(SharedMemoryId, XmlFormRoundTripsAndBadFormsStayInvalid)
 {
     SharedMemoryId whole("Global\\name 1", 4096);
     XmlList body;
@@ -69,10 +58,8 @@ TEST(SharedMemoryId, XmlFormRoundTrips)
     const SharedMemoryId windowBack(body, "Window");
     EXPECT_EQ(windowBack.windowOffset(), 1024u);
     EXPECT_EQ(windowBack.windowSize(), 512u);
-}
 
-TEST(SharedMemoryId, BadXmlStaysInvalid)
-{
+    // Each bad form is a good one with one thing changed.
     const auto make = [](const char* object, unsigned size, const char* id, int offset, int windowSize) {
         XmlList nested;
         nested.set("BreviObjectName", QString(object), XmlList::SetCreate);
@@ -139,7 +126,7 @@ TEST(SharedMemory, AReleasedNameCannotBeOpenedOnceTheLastUserHasGone)
     }
     SharedMemoryUser gone(id);
     EXPECT_FALSE(gone);
-    const QStringList lines = traced(trace);
+    const QStringList lines = ringTexts(trace);
     EXPECT_TRUE(lines.filter(QRegExp("^Failed to open 4096 byte mapped file '.* \\d+' : \\(2\\)")).size() == 1 ||
                 lines.filter("Failed to open 4096 byte mapped file").size() == 1)
         << lines.join('\n').toStdString();
@@ -163,7 +150,7 @@ TEST(SharedMemory, AnExistingNameIsRefused)
 
     SharedMemoryProvider clash(64);
     EXPECT_FALSE(clash) << "another owner's name is never taken over";
-    EXPECT_TRUE(traced(trace).contains("Mapping of  '" + next + "' already exists"));
+    EXPECT_TRUE(ringTexts(trace).contains("Mapping of  '" + next + "' already exists"));
     shm_unlink(object.constData());
 }
 

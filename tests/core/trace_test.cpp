@@ -10,6 +10,7 @@
 #include "core/traceposition.h"
 
 #include "testhome.h"
+#include "tracelines.h"
 
 #include <QDir>
 #include <QRegularExpression>
@@ -22,24 +23,13 @@
 
 using namespace Brevi;
 using namespace Brevi::TraceLayout;
+using BreviTest::ringTexts;
 
 namespace {
 
 const unsigned Module = TraceModuleApplication;
 
 unsigned load32(const unsigned char* buffer, unsigned at) { return ByteOrder::load32(buffer + at); }
-
-// The messages of every record in a buffer, oldest first.
-std::vector<QString> messages(const unsigned char* buffer, unsigned size)
-{
-    TraceDump dump(buffer, size, nullptr, nullptr, nullptr);
-    std::vector<QString> result;
-    while (auto entry = dump.popEntry())
-        result.push_back(entry->getMessage());
-    return result;
-}
-
-std::vector<QString> messages(const Trace& trace) { return messages(trace.getBufferAddress(), trace.getBufferSize()); }
 
 QStringList fileLines(const QString& path)
 {
@@ -115,10 +105,8 @@ TEST(TraceRing, LowerLevelOnlyLowers)
     EXPECT_EQ(Trace::getLevel(unsigned(TraceModuleSpawn)), TraceVerbose);
     Trace::lowerLevel(TraceTesting, unsigned(TraceModuleSpawn));
     EXPECT_EQ(Trace::getLevel(unsigned(TraceModuleSpawn)), TraceTesting);
-    const auto lines = messages(trace);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "Do not change trace level from 3 to 4 for 'SPAWN'");
-    EXPECT_EQ(lines[1], "Lower trace level from 3 to 1 for 'SPAWN'");
+    EXPECT_EQ(ringTexts(trace), QStringList({"Do not change trace level from 3 to 4 for 'SPAWN'",
+                                             "Lower trace level from 3 to 1 for 'SPAWN'"}));
 }
 
 TEST(TraceRing, RecordBytesOfAKnownLine)
@@ -161,39 +149,33 @@ TEST(TraceRing, RecordBytesOfAKnownLine)
     EXPECT_EQ(load32(b, trailer + 13), length) << "which names the previous record's length";
 }
 
+// Neither a line below its module's level, nor one of a bad module, nor one
+// on a thread without a Trace evaluates its values.
 TEST(TraceRing, SwitchedOffLinesEvaluateNothing)
 {
-    Trace trace;
     sideEffects = 0;
-    BREVI_TRACE(Module, TraceVerbose) << countedValue();
-    BREVI_TRACE(0, TraceAlways) << countedValue();
-    BREVI_TRACE(1025, TraceAlways) << countedValue();
-    EXPECT_EQ(sideEffects, 0);
-    BREVI_TRACE(Module, TraceNormal) << countedValue();
+    {
+        Trace trace;
+        BREVI_TRACE(Module, TraceVerbose) << countedValue();
+        BREVI_TRACE(0, TraceAlways) << countedValue();
+        BREVI_TRACE(1025, TraceAlways) << countedValue();
+        EXPECT_EQ(sideEffects, 0);
+        BREVI_TRACE(Module, TraceNormal) << countedValue();
+        EXPECT_EQ(sideEffects, 1);
+        EXPECT_EQ(Trace::trace(0, TraceAlways), nullptr);
+        EXPECT_EQ(Trace::trace(1025, TraceAlways), nullptr);
+    }
+    EXPECT_EQ(Trace::object(), nullptr);
+    BREVI_TRACE(Module, TraceAlways) << countedValue();
     EXPECT_EQ(sideEffects, 1);
-    EXPECT_EQ(Trace::trace(0, TraceAlways), nullptr);
-    EXPECT_EQ(Trace::trace(1025, TraceAlways), nullptr);
+    EXPECT_EQ(Trace::getLevel(1u), TraceLevelNone);
 }
 
 TEST(TraceRing, NoLineStartsInsideAnother)
 {
     Trace trace;
     BREVI_TRACE(Module, TraceAlways) << "first" << Reentrant();
-    const auto lines = messages(trace);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], "first outer value");
-}
-
-TEST(TraceRing, NoThreadTraceMeansNoLine)
-{
-    {
-        Trace trace;
-    }
-    EXPECT_EQ(Trace::object(), nullptr);
-    sideEffects = 0;
-    BREVI_TRACE(Module, TraceAlways) << countedValue();
-    EXPECT_EQ(sideEffects, 0);
-    EXPECT_EQ(Trace::getLevel(1u), TraceLevelNone);
+    EXPECT_EQ(ringTexts(trace), QStringList({"first outer value"}));
 }
 
 TEST(TraceRing, ValuesReadBackInTheirFormats)
@@ -206,14 +188,10 @@ TEST(TraceRing, ValuesReadBackInTheirFormats)
     BREVI_TRACE(Module, TraceAlways) << QString() << static_cast<const char*>(nullptr) << QByteArray("b") << left
                                      << width(4) << QString("x") << "|";
     BREVI_TRACE(Module, TraceAlways) << hex << -1;
-    const auto lines = messages(trace);
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0], "n -5 7 -9 18446744073709551615 false");
-    EXPECT_EQ(lines[1], "0xff 010     42 0x00ff0x000000001234abcd");
-    EXPECT_EQ(lines[2], "'(null)' (null) 'b' 'x'  |");
-    EXPECT_EQ(lines[3], "0xffffffff");
     BREVI_TRACE(Module, TraceAlways) << TraceErrorCode(ENOENT);
-    EXPECT_EQ(messages(trace).back(), "': (2) No such file or directory'");
+    EXPECT_EQ(ringTexts(trace),
+              QStringList({"n -5 7 -9 18446744073709551615 false", "0xff 010     42 0x00ff0x000000001234abcd",
+                           "'(null)' (null) 'b' 'x'  |", "0xffffffff", "': (2) No such file or directory'"}));
 }
 
 TEST(TraceRing, WrappedRecordsReadBackWholeAndTheWalkStopsAtOverwrittenOnes)
@@ -224,11 +202,11 @@ TEST(TraceRing, WrappedRecordsReadBackWholeAndTheWalkStopsAtOverwrittenOnes)
     EXPECT_EQ(trace.getBufferAddress(), memory.data());
     for (int i = 0; i < 40; ++i)
         BREVI_TRACE(Module, TraceAlways) << "line number" << i << QString("with some text to fill the ring");
-    const auto lines = messages(memory.data(), 1200);
+    const QStringList lines = ringTexts(memory.data(), 1200);
     ASSERT_FALSE(lines.empty());
-    ASSERT_LT(lines.size(), 40u) << "the ring holds only the newest";
-    for (size_t k = 0; k < lines.size(); ++k) {
-        const int i = 40 - int(lines.size()) + int(k);
+    ASSERT_LT(lines.size(), 40) << "the ring holds only the newest";
+    for (int k = 0; k < lines.size(); ++k) {
+        const int i = 40 - lines.size() + k;
         EXPECT_EQ(lines[k], QString("line number %1 'with some text to fill the ring'").arg(i));
     }
 
@@ -242,7 +220,7 @@ TEST(TraceRing, WrappedRecordsReadBackWholeAndTheWalkStopsAtOverwrittenOnes)
         position = next;
     }
     EXPECT_TRUE(wrapped);
-    EXPECT_EQ(messages(memory.data(), 1200).back(), messages(trace).back());
+    EXPECT_EQ(ringTexts(memory.data(), 1200).back(), ringTexts(trace).back());
 }
 
 TEST(TraceRing, DumpSelectsByPositionAndFilter)
@@ -292,9 +270,7 @@ TEST(TraceRing, DisabledBufferStaysReadable)
     trace.disable();
     EXPECT_FALSE(Trace::active(buffer));
     EXPECT_EQ(Trace::trace(Module, TraceAlways), nullptr);
-    const auto lines = messages(buffer, 8192);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], "kept");
+    EXPECT_EQ(ringTexts(buffer, 8192), QStringList({"kept"}));
 }
 
 TEST(TraceRing, TooSmallBuffersFallBackToThePrivateOne)
@@ -327,8 +303,8 @@ TEST(TraceRing, StringTooLongForTheRingIsDroppedButReachesTheFile)
     ASSERT_TRUE(trace.file(dir.path() + "/long", 0, 0, TraceFileText));
     const QString huge(70000, 'x');
     BREVI_TRACE(Module, TraceAlways) << "head" << huge << "tail";
-    const auto lines = messages(trace);
-    ASSERT_EQ(lines.size(), 2u);
+    const QStringList lines = ringTexts(trace);
+    ASSERT_EQ(lines.size(), 2);
     EXPECT_EQ(lines[1], "head") << "the record ends where the value did not fit";
     const QStringList file = fileLines(dir.path() + "/long.tra");
     ASSERT_EQ(file.size(), 2);
@@ -356,7 +332,7 @@ TEST(TraceFiles, TextLineLayout)
     EXPECT_TRUE(lines[0].endsWith("Major Version: 2 Minor version: 2 Build number 11698 Branch name RC0610"));
 }
 
-TEST(TraceFiles, RotationNumbersFilesAndKeepsTheNewest)
+TEST(TraceFiles, RotationNumbersFilesKeepsTheNewestAndHasTwoIndependentLimits)
 {
     QTemporaryDir dir;
     Trace trace;
@@ -370,12 +346,8 @@ TEST(TraceFiles, RotationNumbersFilesAndKeepsTheNewest)
     ASSERT_EQ(newest.size(), 2);
     EXPECT_TRUE(newest[0].contains("Major Version:"));
     EXPECT_TRUE(newest[1].endsWith("line 8"));
-}
 
-TEST(TraceFiles, RotationLimitsAreIndependent)
-{
-    QTemporaryDir dir;
-    Trace trace;
+    // Each limit works without the other.
     ASSERT_TRUE(trace.file(dir.path() + "/all", 2, 0, TraceFileText));
     for (int i = 0; i < 7; ++i)
         BREVI_TRACE(Module, TraceAlways) << i;
@@ -393,7 +365,7 @@ TEST(TraceFiles, UnwritableDirectoryLeavesTheRingRunning)
     Trace trace;
     EXPECT_FALSE(trace.file("/proc/no/such/dir/trace", 0, 0, TraceFileText));
     BREVI_TRACE(Module, TraceAlways) << "still traced";
-    EXPECT_EQ(messages(trace).back(), "still traced");
+    EXPECT_EQ(ringTexts(trace).back(), "still traced");
 }
 
 TEST(TraceFiles, BinaryFileHoldsTheRingRecords)
@@ -419,8 +391,7 @@ TEST(TraceFiles, BinaryFileHoldsTheRingRecords)
     EXPECT_EQ(entries[2]->getSequence(), 3u);
 
     // The same record as the ring has it.
-    const auto ring = messages(trace);
-    EXPECT_EQ(ring.back(), entries[2]->getMessage());
+    EXPECT_EQ(ringTexts(trace).back(), entries[2]->getMessage());
 
     QFile file(dir.path() + "/bin.tra");
     ASSERT_TRUE(file.open(QIODevice::ReadWrite));

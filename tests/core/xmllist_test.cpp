@@ -5,9 +5,9 @@
 #include "core/config.h"
 #include "core/machinename.h"
 #include "core/trace.h"
-#include "core/tracedump.h"
-#include "core/traceposition.h"
 #include "core/xmllist.h"
+
+#include "tracelines.h"
 
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -19,49 +19,14 @@
 #include <random>
 
 using namespace Brevi;
+using BreviTest::linesOf;
+using BreviTest::tracesOnce;
 
 namespace {
 
-// A line of trace as read back: its level and its text.
-struct Line {
-    TraceLevelE level;
-    QString text;
-};
-
 // Every test owns a Trace on its thread with XMLLIST at full detail, so that
 // the lines of the list can be checked with their levels.
-class XmlListTest : public ::testing::Test
-{
-protected:
-    XmlListTest() { Trace::setLevel(TraceDebug, TraceModuleXmlList); }
-
-    // The lines written by `action`.
-    std::vector<Line> linesOf(const std::function<void()>& action)
-    {
-        TracePosition start(true);
-        action();
-        TraceDump dump(nullptr, &start, nullptr);
-        std::vector<Line> lines;
-        while (auto entry = dump.popEntry())
-            lines.push_back({entry->getLevel(), entry->getMessage()});
-        return lines;
-    }
-
-    // True when `action` wrote exactly one line, at `level`, containing `text`.
-    ::testing::AssertionResult tracesOnce(const std::function<void()>& action, TraceLevelE level, const QString& text)
-    {
-        const std::vector<Line> lines = linesOf(action);
-        if (lines.size() == 1 && lines[0].level == level && lines[0].text.contains(text))
-            return ::testing::AssertionSuccess();
-        auto failure = ::testing::AssertionFailure()
-                       << "expected one line at level " << level << " with \"" << text.toStdString() << "\", got:";
-        for (const Line& line : lines)
-            failure << "\n  [" << line.level << "] " << line.text.toStdString();
-        return failure;
-    }
-
-    Trace moTrace;
-};
+using XmlListTest = BreviTest::TraceTest<TraceModuleXmlList>;
 
 // A start tag with its attributes in name order, since QDomDocument prints them
 // in an order that changes from one process to the next.
@@ -103,29 +68,12 @@ TEST_F(XmlListTest, TextFormIsTheDocumentWithIndentOne)
                      " </item>", " <item argtype=\"list\" name=\"Disks\">", "  <item argtype=\"single\" name=\"Size\">",
                      "   <value type=\"uint32\">7</value>", "  </item>", " </item>", "</brevixmllist>", ""}));
 
-    XmlList read;
-    ASSERT_TRUE(read.fromBinary(list.toBinary()));
-    QString host;
-    XmlList readDisks;
-    unsigned size = 0;
-    EXPECT_TRUE(read.get(host, "Host"));
-    EXPECT_EQ(host, "a");
-    ASSERT_TRUE(read.get(readDisks, "Disks"));
-    EXPECT_TRUE(readDisks.get(size, "Size"));
-    EXPECT_EQ(size, 7u);
-}
-
-TEST_F(XmlListTest, EmptyListCostsNoBytes)
-{
-    XmlList list;
-    EXPECT_TRUE(list.isValid());
-    EXPECT_TRUE(list.isEmpty());
-    EXPECT_EQ(list.toBinary(), QByteArray());
-
-    list.set("A", 1);
+    // The empty list costs no bytes, and no bytes read as the empty list.
+    XmlList empty;
+    EXPECT_TRUE(empty.isValid() && empty.isEmpty());
+    EXPECT_EQ(empty.toBinary(), QByteArray());
     ASSERT_TRUE(list.fromBinary(QByteArray()));
     EXPECT_TRUE(list.isValid());
-    EXPECT_TRUE(list.isEmpty());
     EXPECT_EQ(list.size(), 0);
 }
 
@@ -157,7 +105,7 @@ TEST_F(XmlListTest, ConvenienceFormsAndExtremesKeepTheirValues)
     EXPECT_EQ(read.first("extent").type(), XmlList::ValueData);
 }
 
-TEST_F(XmlListTest, CreateRepeatsAndModifyChangesTheFirst)
+TEST_F(XmlListTest, CreateRepeatsModifyChangesTheFirstAndGettingAListAppends)
 {
     XmlList list;
     ASSERT_TRUE(list.set("A", 1u, XmlList::SetCreate));
@@ -173,9 +121,28 @@ TEST_F(XmlListTest, CreateRepeatsAndModifyChangesTheFirst)
     EXPECT_EQ(it.getUint32(), 5u);
     EXPECT_EQ(it.next("A").getUint32(), 2u);
     EXPECT_TRUE(it.next("A").isNull());
+
+    XmlList inner;
+    inner.set("X", 1);
+    XmlList holder;
+    holder.set("L", inner);
+    XmlList target;
+    target.set("Mine", 0);
+    ASSERT_TRUE(holder.get(target, "L"));
+    EXPECT_EQ(target.size(), 2);
+    EXPECT_EQ(target.first().name(), "Mine");
+    EXPECT_EQ(target.first().next().name(), "X");
+
+    // SetModify on a list refills it.
+    XmlList other;
+    other.set("Y", 2);
+    other.set("Z", 3);
+    ASSERT_TRUE(holder.set("L", other, XmlList::SetModify));
+    EXPECT_EQ(holder.size(), 1);
+    EXPECT_EQ(holder.first("L").getXmlList().size(), 2);
 }
 
-TEST_F(XmlListTest, TypesAreMatchedStrictly)
+TEST_F(XmlListTest, WrongTypesMissingItemsAndBadNamesFailWithTheirLines)
 {
     XmlList list;
     list.set("A", "x");
@@ -194,11 +161,9 @@ TEST_F(XmlListTest, TypesAreMatchedStrictly)
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.set("N", nested, XmlList::SetModify)); }, TraceAlways,
                            "is not a list type"));
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(nested, "A")); }, TraceAlways, "it is not of type list"));
-}
 
-TEST_F(XmlListTest, MissingItemsAndBadNamesAreTracedAtTheirLevels)
-{
-    XmlList list;
+    // Missing items and bad names, each at its level.
+    list.clear();
     unsigned value = 9;
     EXPECT_TRUE(tracesOnce([&] { EXPECT_FALSE(list.get(value, "Absent")); }, TraceVerbose,
                            "Failed to find config item to get 'Absent'"));
@@ -279,28 +244,6 @@ TEST_F(XmlListTest, CopiesShareAndClonesAndStoredListsDoNot)
     EXPECT_EQ(self.size(), 3);
 }
 
-TEST_F(XmlListTest, GetListAppendsToTheTarget)
-{
-    XmlList inner;
-    inner.set("X", 1);
-    XmlList list;
-    list.set("L", inner);
-    XmlList target;
-    target.set("Mine", 0);
-    ASSERT_TRUE(list.get(target, "L"));
-    EXPECT_EQ(target.size(), 2);
-    EXPECT_EQ(target.first().name(), "Mine");
-    EXPECT_EQ(target.first().next().name(), "X");
-
-    // SetModify on a list refills it.
-    XmlList other;
-    other.set("Y", 2);
-    other.set("Z", 3);
-    ASSERT_TRUE(list.set("L", other, XmlList::SetModify));
-    EXPECT_EQ(list.size(), 1);
-    EXPECT_EQ(list.first("L").getXmlList().size(), 2);
-}
-
 TEST_F(XmlListTest, IteratorWalksStepsInAndEditsInPlace)
 {
     XmlList list;
@@ -360,7 +303,7 @@ TEST_F(XmlListTest, BrokenTextLeavesAnInvalidListThatRecovers)
         XmlList list;
         list.set("Before", 1);
         XmlList copy = list;
-        const std::vector<Line> lines = linesOf([&] { EXPECT_FALSE(list.fromBinary(text)); });
+        const auto lines = linesOf([&] { EXPECT_FALSE(list.fromBinary(text)); });
         ASSERT_FALSE(lines.empty());
         EXPECT_EQ(lines[0].level, TraceAlways);
         EXPECT_TRUE(lines[0].text.startsWith("Error parsing XML at line")) << lines[0].text.toStdString();
@@ -648,7 +591,7 @@ TEST_F(XmlListTest, NestingIsLimitedBeforeTheStackIs)
     const XmlList copy = list.clone();
     EXPECT_EQ(copy.toBinary(), list.toBinary());
 
-    const std::vector<Line> lines = linesOf([&] { EXPECT_FALSE(list.fromBinary(nested(100000))); });
+    const auto lines = linesOf([&] { EXPECT_FALSE(list.fromBinary(nested(100000))); });
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].text.startsWith("Error parsing XML at line 1 column 29985")) << lines[0].text.toStdString();
     EXPECT_FALSE(list.isValid());

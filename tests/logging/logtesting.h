@@ -2,10 +2,10 @@
 #define TESTS_LOGGING_LOGTESTING_H
 
 #include "core/trace.h"
-#include "core/tracedump.h"
-#include "core/traceposition.h"
 #include "core/xmllist.h"
 #include "core/xmllistiterator.h"
+
+#include "tracelines.h"
 
 #include <QStringList>
 
@@ -34,33 +34,26 @@ class LogLines
 {
 public:
     explicit LogLines(unsigned module = Brevi::TraceModuleLog)
-        : moStart(true)
-        , muiModule(module)
+        : muiModule(module)
     {}
     QStringList all() const
     {
-        Brevi::TracePosition from = moStart;
-        Brevi::TraceDump dump(nullptr, &from, nullptr);
-        QStringList lines;
-        while (auto entry = dump.popEntry())
-            if (entry->getModuleId() == muiModule)
-                lines << entry->getMessage();
-        return lines;
+        for (const TracedLine& line : moReader.next()) {
+            if (line.module == muiModule)
+                moSeen << line.text;
+        }
+        return moSeen;
     }
     int count(const QString& text) const { return all().filter(text).size(); }
 
 private:
-    Brevi::TracePosition moStart;
+    mutable TraceReader moReader;
+    mutable QStringList moSeen;
     unsigned muiModule;
 };
 
 // A Trace on the test's thread, without a context, with module LOG in full.
-class LogTraceTest : public ::testing::Test
-{
-protected:
-    LogTraceTest() { Brevi::Trace::setLevel(Brevi::TraceDebug, Brevi::TraceModuleLog); }
-    Brevi::Trace moTrace;
-};
+using LogTraceTest = TraceTest<Brevi::TraceModuleLog>;
 
 } // namespace BreviTest
 

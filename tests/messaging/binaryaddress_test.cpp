@@ -13,6 +13,7 @@
 #include <memory>
 
 using namespace Brevi;
+using namespace BreviTest;
 
 namespace {
 
@@ -43,7 +44,7 @@ private:
 QByteArray bytesOf(const Extent& extent) { return extent.toQByteArray(); }
 BinaryAddress copied(const QByteArray& text) { return BinaryAddress(Extent(text)); }
 
-using BinaryAddressTest = BreviTest::MessagingTraceTest;
+using BinaryAddressTest = BreviTest::TraceTest<TraceModuleMsg>;
 
 } // namespace
 
@@ -74,10 +75,10 @@ TEST_F(BinaryAddressTest, RoutedTextStepsThroughItsHopsInPlace)
     address = logical.borrowed();
     EXPECT_EQ(bytesOf(address.name()), "svc");
     EXPECT_EQ(bytesOf(address.group()), "grp");
-    QList<QByteArray> visited { bytesOf(address.hopMachine()) };
+    QList<QByteArray> visited{bytesOf(address.hopMachine())};
     while (address.increaseHop())
         visited << bytesOf(address.hopMachine());
-    EXPECT_EQ(visited, QList<QByteArray>({ "X", "Y", "Z" }));
+    EXPECT_EQ(visited, QList<QByteArray>({"X", "Y", "Z"}));
 }
 
 TEST_F(BinaryAddressTest, OtherFormsHaveTheirPiecesAndNeverCountHops)
@@ -88,10 +89,11 @@ TEST_F(BinaryAddressTest, OtherFormsHaveTheirPiecesAndNeverCountHops)
         unsigned id;
         QByteArray machine, name, group;
     };
-    for (const Case& c : { Case { "1/5/node@1", eMsgAddressAttached, 5, "node@1", "", "" },
-             Case { "1/0/m/name/group", eMsgAddressAttached, 0, "m", "name", "group" },
-             Case { "1/0/m/name", eMsgAddressAttached, 0, "m", "name", "" },
-             Case { "2/12", eMsgAddressContext, 12, "", "", "" }, Case { "3/1", eMsgAddressHub, 1, "", "", "" } }) {
+    for (const Case& c :
+         {Case{"1/5/node@1", eMsgAddressAttached, 5, "node@1", "", ""},
+          Case{"1/0/m/name/group", eMsgAddressAttached, 0, "m", "name", "group"},
+          Case{"1/0/m/name", eMsgAddressAttached, 0, "m", "name", ""}, Case{"2/12", eMsgAddressContext, 12, "", "", ""},
+          Case{"3/1", eMsgAddressHub, 1, "", "", ""}}) {
         SCOPED_TRACE(c.text.toStdString());
         Received text(c.text);
         BinaryAddress address = text.borrowed();
@@ -127,10 +129,32 @@ TEST_F(BinaryAddressTest, CopyStartsAtTheFirstHopWhileBorrowedTextKeepsItsLetter
 
 TEST_F(BinaryAddressTest, BadTextIsDroppedWithATraceLineAndLeavesAUsableObject)
 {
-    for (const char* const texts :
-        { "2", "2/", "2/5/x", "5/1", "x/1", "21/", "1/5", "1/5/", "1/5//m", "1//m", "1/0/m", "1/5/m/n", "1/0/m/n/g/x",
-            "1/7a/m", "4/7/b/a/X", "4/7/b/a/X/Y/Z", "4/7/b/c/X/Y", "4/7/B/a/X/Y", "4/7/bb/a/X/Y", "4/7/b/a/X//Y",
-            "4/7/b/a/X/Y/", "4/0/b/a/X/Y", "4/7/{/a/X/Y", "4/7/b/`/X/Y", "4/7/b/a/", "4/0/b/a/X/Y/n/g/h" }) {
+    for (const char* const texts : {"2",
+                                    "2/",
+                                    "2/5/x",
+                                    "5/1",
+                                    "x/1",
+                                    "21/",
+                                    "1/5",
+                                    "1/5/",
+                                    "1/5//m",
+                                    "1//m",
+                                    "1/0/m",
+                                    "1/5/m/n",
+                                    "1/0/m/n/g/x",
+                                    "1/7a/m",
+                                    "4/7/b/a/X",
+                                    "4/7/b/a/X/Y/Z",
+                                    "4/7/b/c/X/Y",
+                                    "4/7/B/a/X/Y",
+                                    "4/7/bb/a/X/Y",
+                                    "4/7/b/a/X//Y",
+                                    "4/7/b/a/X/Y/",
+                                    "4/0/b/a/X/Y",
+                                    "4/7/{/a/X/Y",
+                                    "4/7/b/`/X/Y",
+                                    "4/7/b/a/",
+                                    "4/0/b/a/X/Y/n/g/h"}) {
         const QByteArray bad(texts);
         SCOPED_TRACE(texts);
         Received text(bad);
@@ -152,13 +176,15 @@ TEST_F(BinaryAddressTest, BadTextIsDroppedWithATraceLineAndLeavesAUsableObject)
 
 TEST_F(BinaryAddressTest, EveryCutOfAValidTextIsReadSafely)
 {
-    for (const QByteArray& whole : { QByteArray("4/0/c/b/dest@1/mid@2/first@3/name/group"),
-             QByteArray("4/4294967295/z/z/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u/v/w/x/y/zz") }) {
+    for (const QByteArray& whole :
+         {QByteArray("4/0/c/b/dest@1/mid@2/first@3/name/group"),
+          QByteArray("4/4294967295/z/z/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u/v/w/x/y/zz")}) {
         ASSERT_TRUE(BinaryAddressLayout::check(Extent(whole))) << whole.toStdString();
         for (int n = 0; n < whole.size(); ++n) {
             Received cut(whole.left(n));
             BinaryAddress address = cut.borrowed();
-            while (address.increaseHop()) { }
+            while (address.increaseHop()) {
+            }
             EXPECT_TRUE(address.type() == eMsgAddressInvalid || address.text().size() == unsigned(n));
         }
     }
@@ -178,8 +204,8 @@ TEST_F(BinaryAddressTest, EqualityAndHashGoByTheDestinationAndNotTheWay)
 
     // Of the raw bytes, with the QByteArray hash: not the MsgAddress hash.
     EXPECT_EQ(copied("1/7/X").hash(), 7u ^ qHash(QByteArray("X")));
-    EXPECT_EQ(
-        copied("4/0/b/a/X/Y/n/g").hash(), qHash(QByteArray("n")) ^ qHash(QByteArray("g")) ^ qHash(QByteArray("X")));
+    EXPECT_EQ(copied("4/0/b/a/X/Y/n/g").hash(),
+              qHash(QByteArray("n")) ^ qHash(QByteArray("g")) ^ qHash(QByteArray("X")));
 
     QHash<BinaryAddress, int> queues;
     queues.insert(copied("4/7/b/a/X/Y"), 1);

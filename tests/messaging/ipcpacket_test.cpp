@@ -69,7 +69,7 @@ TEST_F(IpcPacketTest, CompressedOnlyWhenThatShrinksThePacket)
     MsgPacket packed(To, From, "", "TestPost", "", body, 1, true);
     EXPECT_EQ(packed.magic(), Layout::CompressedMessageMagic);
     EXPECT_EQ(packed.compression(), eMsgCompressOnSend);
-    EXPECT_EQ(packed.size(), plain.size() - body.toBinary().size() + qCompress(body.toBinary()).size());
+    EXPECT_LT(packed.size(), plain.size());
     EXPECT_EQ(MsgPacket(To, From, "", "TestPost", "", XmlList(), 1, true).magic(), Layout::MessageMagic)
         << "an empty body is not tried";
     EXPECT_TRUE(traces(

@@ -51,7 +51,7 @@ class IpcPacketStreamTest : public PacketTest
 protected:
     void SetUp() override
     {
-        moLink = makePacketLink();
+        moLink = makeLoopbackLink(WaitLimit);
         ASSERT_TRUE(moLink);
         moReceiver.setSocket(moLink.server);
         moSender.setSocket(moLink.client);
@@ -75,7 +75,7 @@ protected:
         return moReceiver.get(1);
     }
 
-    PacketLink moLink;
+    LoopbackLink moLink;
     IpcPacketReceive moReceiver;
     IpcPacketSend moSender;
 };

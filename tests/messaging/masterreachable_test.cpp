@@ -4,7 +4,6 @@
 // One case runs over the real Hub, to see the subscription come and go.
 
 #include "core/context.h"
-#include "core/traceposition.h"
 #include "messaging/managemsghandlers.h"
 #include "messaging/masterreachable.h"
 #include "messaging/msg.h"
@@ -141,10 +140,10 @@ TEST(MasterReachable, OneCallbackPerChangeOfReachability)
 
             // Before the master is named and trusted there is no news: a
             // name alone is taken, and a loss while never reachable is none.
-            TracePosition start(true);
+            TraceReader trace;
             ASSERT_TRUE(nodeManager.post("Authorized", QString()));
             EXPECT_TRUE(master.master().fullName().isEmpty());
-            EXPECT_EQ(tracedSince(start).filter("master has no name yet").size(), 1);
+            EXPECT_EQ(trace.nextTexts().filter("master has no name yet").size(), 1);
             ASSERT_TRUE(nodeManager.post("Connected", "rules@0000", false));
             EXPECT_EQ(master.master().fullName(), "rules@0000");
             ASSERT_TRUE(nodeManager.post("Unavailable"));
@@ -169,19 +168,17 @@ TEST(MasterReachable, OneCallbackPerChangeOfReachability)
 
             // Each of the three lost states loses it; only the first is a
             // change, and its callback sees it lost.
-            start = TracePosition(true);
+            trace = TraceReader();
             for (const QString& state : {"Unavailable", "Unauthorized", "Unknown"})
                 ASSERT_TRUE(nodeManager.post(state));
             EXPECT_FALSE(master);
             EXPECT_EQ(calls, 2);
             EXPECT_EQ(reachableCalls, 1);
             EXPECT_EQ(master.master().fullName(), "rules@0001") << "the last master's name stays";
-            TracePosition end(true);
-            TraceDump dump(nullptr, &start, &end);
             int lost = 0, called = 0;
-            while (auto entry = dump.popEntry()) {
-                lost += entry->getMessage().contains("master not reachable") && entry->getLevel() == TraceAlways;
-                called += entry->getMessage().contains("Calling master state callback");
+            for (const TracedLine& line : trace.next()) {
+                lost += line.text.contains("master not reachable") && line.level == TraceAlways;
+                called += line.text.contains("Calling master state callback");
             }
             EXPECT_EQ(lost, 3);
             EXPECT_EQ(called, 1);
@@ -281,11 +278,11 @@ TEST(MasterReachable, AThreadWithoutMessagingNeverHearsAndNeverWaits)
     static QStringList lines;
     ASSERT_TRUE(Context::run(
         [] {
-            const TracePosition start(true);
+            TraceReader trace;
             int calls = 0;
             MasterReachable master(counter(calls));
             waited = master.wait(1);
-            lines = tracedSince(start);
+            lines = trace.nextTexts();
         },
         Context::Type(7), 0, "Plain"));
     EXPECT_FALSE(waited);

@@ -11,7 +11,6 @@
 #include "messaging/msgcatalogue.h"
 #include "sockets/tcpsocketlisten.h"
 
-#include "testhome.h"
 #include "threadcontexts.h"
 
 #include <QRegularExpression>
@@ -30,15 +29,14 @@ const QString Disconnected = Catalogue::MsgDisconnectedPost::Message;
 
 // What the parent and its worker share; each test starts it afresh.
 struct Link {
-    static boost::shared_ptr<Messaging> parent;
-    static boost::shared_ptr<Messaging> worker;
-    static MsgAddress workerAddress;
-    static std::atomic<int> workerResult;
-    static std::atomic<int> ticks;
-    static std::atomic<int> others;
-    static Gate ready;
-    static Gate go;
-    static Gate done;
+    static inline boost::shared_ptr<Messaging> parent;
+    static inline boost::shared_ptr<Messaging> worker;
+    static inline MsgAddress workerAddress;
+    static inline std::atomic<int> workerResult{eMsgResultUnknown};
+    static inline std::atomic<int> ticks{0};
+    static inline std::atomic<int> others{0};
+    static inline Gate go;
+    static inline Gate done;
 
     static void reset()
     {
@@ -48,20 +46,25 @@ struct Link {
         workerResult = eMsgResultUnknown;
         ticks = 0;
         others = 0;
-        ready.reset();
         go.reset();
         done.reset();
     }
 };
-boost::shared_ptr<Messaging> Link::parent;
-boost::shared_ptr<Messaging> Link::worker;
-MsgAddress Link::workerAddress;
-std::atomic<int> Link::workerResult{eMsgResultUnknown};
-std::atomic<int> Link::ticks{0};
-std::atomic<int> Link::others{0};
-Gate Link::ready;
-Gate Link::go;
-Gate Link::done;
+
+// Runs `body` in the parent's standalone context under a fresh home.
+void asParent(void (*body)())
+{
+    static void (*current)() = nullptr;
+    current = body;
+    Link::reset();
+    EXPECT_TRUE(runInNewHome(
+        [] {
+            Link::parent = Context::messaging();
+            current();
+        },
+        "Parent"));
+    Link::reset();
+}
 
 // Connects the calling worker to the parent: the parent's address, or the
 // invalid one.
@@ -119,271 +122,194 @@ unsigned unusedPort()
 
 } // namespace
 
+// A release from another thread than the worker's own changes nothing.
 TEST(MessagingThreads, AWorkerConnectsAnswersWithCookiesAndIsDisconnected)
 {
-    TestHome home;
-    Link::reset();
-    ASSERT_TRUE(runStandalone(
-        [] {
-            Link::parent = Context::messaging();
-            WorkerThread worker(echoWorker, "Echo");
-            const MsgAddress address = awaitWorker("job 1");
-            ASSERT_TRUE(address);
-            EXPECT_EQ(address.type(), eMsgAddressContext);
-            EXPECT_EQ(address, Link::workerAddress);
-            EXPECT_TRUE(Link::parent->isConnected(address));
+    asParent([] {
+        WorkerThread worker(echoWorker, "Echo");
+        const MsgAddress address = awaitWorker("job 1");
+        ASSERT_TRUE(address);
+        EXPECT_EQ(address.type(), eMsgAddressContext);
+        EXPECT_EQ(address, Link::workerAddress);
+        EXPECT_TRUE(Link::parent->isConnected(address));
+        for (int i = 0; i < 100; ++i)
+            ASSERT_TRUE(echoes(address, i)) << "round " << i;
 
-            for (int i = 0; i < 100; ++i)
-                ASSERT_TRUE(echoes(address, i)) << "round " << i;
+        TraceReader trace;
+        Link::worker->release();
+        const QStringList lines = trace.nextTexts();
+        EXPECT_EQ(lines.filter("is not allowed to disable messaging for context").size(), 1)
+            << lines.join('\n').toStdString();
+        EXPECT_TRUE(Link::worker->valid());
+        EXPECT_FALSE(Link::worker->isDisabled());
+        EXPECT_TRUE(echoes(address, 7)) << "the worker still answers";
 
-            EXPECT_TRUE(Link::parent->disconnect(address, "job 1"));
-            worker.join();
-            EXPECT_EQ(Link::workerResult, eMsgResultExit);
-            EXPECT_FALSE(Link::parent->isConnected(address));
-            EXPECT_FALSE(Msg(address, "EchoRequest").send()) << "nothing is left to carry it";
-            Link::reset();
-        },
-        "Parent"));
+        EXPECT_TRUE(Link::parent->disconnect(address, "job 1"));
+        worker.join();
+        EXPECT_EQ(Link::workerResult, eMsgResultExit);
+        EXPECT_FALSE(Link::parent->isConnected(address));
+        EXPECT_FALSE(Msg(address, "EchoRequest").send()) << "nothing is left to carry it";
+    });
 }
 
 TEST(MessagingThreads, TheParentHearsOfAWorkerThatFailed)
 {
-    TestHome home;
-    Link::reset();
-    ASSERT_TRUE(runStandalone(
-        [] {
-            Link::parent = Context::messaging();
-            const QStringList answers{Connected, Disconnected};
-            {
-                // A worker whose context does not come up says so.
-                std::thread broken([] {
-                    if (!Context::run([] {}, Context::TypeInvalid, 0, "Broken"))
-                        Link::parent->failed("job 2");
-                });
-                broken.join();
-                const Msg answer = Msg::wait(answers, 10);
-                ASSERT_TRUE(answer);
-                EXPECT_EQ(answer.name(), Disconnected);
-                EXPECT_EQ(answer.getCookie(), "job 2");
-                EXPECT_EQ(answer.source(), Context::address());
-            }
-            {
-                // A connection that fails tells the other side itself.
-                WorkerThread twice(
-                    [] {
-                        EXPECT_TRUE(connectToParent("first"));
-                        EXPECT_FALSE(Context::messaging()->connect(Link::parent, "second", Log::eNoProxy))
-                            << "already connected";
-                    },
-                    "Twice");
-                EXPECT_EQ(Msg::wait(answers, 10).getCookie(), "first");
-                const Msg failed = Msg::wait(answers, 10);
-                EXPECT_EQ(failed.name(), Disconnected);
-                EXPECT_EQ(failed.getCookie(), "second");
-            }
-            EXPECT_FALSE(Link::parent->connect(boost::shared_ptr<Messaging>(), "none", Log::eNoProxy));
-            EXPECT_FALSE(Link::parent->connect(Link::parent, "self", Log::eNoProxy));
-            Link::reset();
-        },
-        "Parent"));
+    asParent([] {
+        const QStringList answers{Connected, Disconnected};
+        {
+            // A worker whose context does not come up says so.
+            std::thread broken([] {
+                if (!Context::run([] {}, Context::TypeInvalid, 0, "Broken"))
+                    Link::parent->failed("job 2");
+            });
+            broken.join();
+            const Msg answer = Msg::wait(answers, 10);
+            ASSERT_TRUE(answer);
+            EXPECT_EQ(answer.name(), Disconnected);
+            EXPECT_EQ(answer.getCookie(), "job 2");
+            EXPECT_EQ(answer.source(), Context::address());
+        }
+        {
+            // A connection that fails tells the other side itself.
+            WorkerThread twice(
+                [] {
+                    EXPECT_TRUE(connectToParent("first"));
+                    EXPECT_FALSE(Context::messaging()->connect(Link::parent, "second", Log::eNoProxy))
+                        << "already connected";
+                },
+                "Twice");
+            EXPECT_EQ(Msg::wait(answers, 10).getCookie(), "first");
+            const Msg failed = Msg::wait(answers, 10);
+            EXPECT_EQ(failed.name(), Disconnected);
+            EXPECT_EQ(failed.getCookie(), "second");
+        }
+        EXPECT_FALSE(Link::parent->connect(boost::shared_ptr<Messaging>(), "none", Log::eNoProxy));
+        EXPECT_FALSE(Link::parent->connect(Link::parent, "self", Log::eNoProxy));
+    });
 }
 
 TEST(MessagingThreads, SendOnceCollapsesRepeatsThatStillWait)
 {
-    TestHome home;
-    Link::reset();
-    ASSERT_TRUE(runStandalone(
-        [] {
-            Link::parent = Context::messaging();
-            WorkerThread worker(
-                [] {
-                    ManageMsgHandlers handlers;
-                    handlers.add("TickPost", handler([](const Msg&) { return ++Link::ticks, eMsgResultHandled; }));
-                    handlers.add("OtherPost", handler([](const Msg&) { return ++Link::others, eMsgResultHandled; }));
-                    if (!connectToParent("once"))
-                        return;
-                    // Nothing is taken out of the queue until the parent has sent.
-                    Link::go.wait();
-                    Msg::wait(0);
-                    Link::done.open();
-                },
-                "Once");
-            const MsgAddress address = awaitWorker("once");
-            ASSERT_TRUE(address);
-            for (int i = 0; i < 3; ++i)
-                EXPECT_TRUE(Msg(address, "TickPost").sendOnce());
-            EXPECT_TRUE(Msg(address, "OtherPost").sendOnce());
-            EXPECT_TRUE(Msg(address, "OtherPost").send()) << "a plain send is never collapsed";
-            EXPECT_FALSE(Msg(MsgAddress(eMsgAddressContext, 99), "TickPost").sendOnce())
-                << "once posts go only to connected contexts";
-            EXPECT_FALSE(Link::parent->sendPacket(boost::make_shared<DataPacket>(
-                address.binary(), Context::address().binary(), QByteArray(), 16u, 1u, 0u)))
-                << "data does not go between threads as packets";
-            Link::go.open();
-            ASSERT_TRUE(Link::done.wait());
-            EXPECT_EQ(Link::ticks, 1);
-            EXPECT_EQ(Link::others, 2);
-            worker.join();
-            Link::reset();
-        },
-        "Parent"));
+    asParent([] {
+        WorkerThread worker(
+            [] {
+                ManageMsgHandlers handlers;
+                handlers.add("TickPost", handler([](const Msg&) { return ++Link::ticks, eMsgResultHandled; }));
+                handlers.add("OtherPost", handler([](const Msg&) { return ++Link::others, eMsgResultHandled; }));
+                if (!connectToParent("once"))
+                    return;
+                // Nothing is taken out of the queue until the parent has sent.
+                Link::go.wait();
+                Msg::wait(0);
+                Link::done.open();
+            },
+            "Once");
+        const MsgAddress address = awaitWorker("once");
+        ASSERT_TRUE(address);
+        for (int i = 0; i < 3; ++i)
+            EXPECT_TRUE(Msg(address, "TickPost").sendOnce());
+        EXPECT_TRUE(Msg(address, "OtherPost").sendOnce());
+        EXPECT_TRUE(Msg(address, "OtherPost").send()) << "a plain send is never collapsed";
+        EXPECT_FALSE(Msg(MsgAddress(eMsgAddressContext, 99), "TickPost").sendOnce())
+            << "once posts go only to connected contexts";
+        EXPECT_FALSE(Link::parent->sendPacket(
+            boost::make_shared<DataPacket>(address.binary(), Context::address().binary(), QByteArray(), 16u, 1u, 0u)))
+            << "data does not go between threads as packets";
+        Link::go.open();
+        ASSERT_TRUE(Link::done.wait());
+        EXPECT_EQ(Link::ticks, 1);
+        EXPECT_EQ(Link::others, 2);
+    });
 }
 
 TEST(MessagingThreads, AReleasedQueueFailsTheNextSendAndItsEntryGoes)
 {
-    TestHome home;
-    Link::reset();
-    ASSERT_TRUE(runStandalone(
-        [] {
-            Link::parent = Context::messaging();
-            WorkerThread worker(
-                [] {
-                    if (!connectToParent("release"))
-                        return;
-                    Context::messaging()->release();
-                    Link::ready.open();
-                    Link::go.wait();
-                },
-                "Released");
-            const MsgAddress address = awaitWorker("release");
-            ASSERT_TRUE(Link::ready.wait());
-            EXPECT_TRUE(Link::parent->isConnected(address));
-            EXPECT_FALSE(Msg(address, "AnyPost").send());
-            EXPECT_FALSE(Link::parent->isConnected(address)) << "the failed queue is forgotten";
-            EXPECT_FALSE(Msg(address, "AnyPost").send()) << "and the next send has no way to go";
-            EXPECT_FALSE(Link::worker->valid());
-            EXPECT_FALSE(Link::worker->connect(Link::parent, "again", Log::eNoProxy))
-                << "a released messaging connects nowhere";
-            Link::go.open();
-            worker.join();
+    asParent([] {
+        WorkerThread worker(
+            [] {
+                if (!connectToParent("release"))
+                    return;
+                Context::messaging()->release();
+                Link::done.open();
+                Link::go.wait();
+            },
+            "Released");
+        const MsgAddress address = awaitWorker("release");
+        ASSERT_TRUE(Link::done.wait());
+        EXPECT_TRUE(Link::parent->isConnected(address));
+        EXPECT_FALSE(Msg(address, "AnyPost").send());
+        EXPECT_FALSE(Link::parent->isConnected(address)) << "the failed queue is forgotten";
+        EXPECT_FALSE(Msg(address, "AnyPost").send()) << "and the next send has no way to go";
+        EXPECT_FALSE(Link::worker->valid());
+        EXPECT_FALSE(Link::worker->connect(Link::parent, "again", Log::eNoProxy))
+            << "a released messaging connects nowhere";
+        Link::go.open();
+        worker.join();
 
-            // A worker that ended took its queue with it.
-            WorkerThread gone([] { connectToParent("gone"); }, "Gone");
-            const MsgAddress goneAddress = awaitWorker("gone");
-            gone.join();
-            EXPECT_FALSE(Msg(goneAddress, "AnyPost").send());
-            EXPECT_FALSE(Link::parent->isConnected(goneAddress));
-            Link::reset();
-        },
-        "Parent"));
-}
-
-TEST(MessagingThreads, AForeignThreadsReleaseChangesNothing)
-{
-    TestHome home;
-    Link::reset();
-    ASSERT_TRUE(runStandalone(
-        [] {
-            Link::parent = Context::messaging();
-            WorkerThread worker(echoWorker, "Echo");
-            const MsgAddress address = awaitWorker("job 1");
-            ASSERT_TRUE(address);
-
-            const TracePosition start(true);
-            Link::worker->release();
-            EXPECT_TRUE(tracedSince(start).filter("is not allowed to disable messaging for context").size() == 1)
-                << tracedSince(start).join('\n').toStdString();
-            EXPECT_TRUE(Link::worker->valid());
-            EXPECT_FALSE(Link::worker->isDisabled());
-            EXPECT_TRUE(echoes(address, 7)) << "the worker still answers";
-
-            EXPECT_TRUE(Link::parent->disconnect(address, "job 1"));
-            worker.join();
-            EXPECT_EQ(Link::workerResult, eMsgResultExit);
-            Link::reset();
-        },
-        "Parent"));
-}
-
-TEST(MessagingThreads, AThreadsLogMessagesWithoutALogProxyGoToTheBitBucket)
-{
-    TestHome home;
-    Link::reset();
-    ASSERT_TRUE(runStandalone(
-        [] {
-            Link::parent = Context::messaging();
-            WorkerThread worker(
-                [] {
-                    const MsgAddress parent = connectToParent("log");
-                    Msg(parent, Catalogue::LogDaemonLocalWriteLog::Message).send();
-                    Msg(parent, "AfterPost").send();
-                },
-                "Logger");
-            awaitWorker("log");
-            worker.join();
-            const TracePosition start(true);
-            IpcResult result = eIpcResultClosed;
-            const Msg next = Link::parent->receive(result, 5000);
-            EXPECT_EQ(next.name(), "AfterPost") << "the log message is taken, not returned";
-            EXPECT_EQ(result, eIpcResultOk);
-            EXPECT_FALSE(Link::parent->loggingAddress());
-            EXPECT_TRUE(tracedSince(start).filter("Give proxy log message to the bit bucket").size() == 1);
-            Link::reset();
-        },
-        "Parent"));
+        // A worker that ended took its queue with it.
+        WorkerThread gone([] { connectToParent("gone"); }, "Gone");
+        const MsgAddress goneAddress = awaitWorker("gone");
+        gone.join();
+        EXPECT_FALSE(Msg(goneAddress, "AnyPost").send());
+        EXPECT_FALSE(Link::parent->isConnected(goneAddress));
+    });
 }
 
 // A long wait sleeps 300,000 ms at a time while more than 600,000 are left,
 // then half of what is left down to 2,000. Waits that a thread's message
 // ends show the first pieces without sleeping them: a log message of a thread
-// wakes the wait without ending it, and the wait goes on with a new piece.
+// (which, without a log proxy, goes to the bit bucket) wakes the wait without
+// ending it, and the wait goes on with a new piece.
 TEST(MessagingThreads, ALongWaitSleepsInPiecesThatHalve)
 {
-    TestHome home;
-    Link::reset();
-    ASSERT_TRUE(runStandalone(
-        [] {
-            Link::parent = Context::messaging();
-            WorkerThread worker(
-                [] {
-                    const MsgAddress parent = connectToParent("pieces");
-                    for (int round = 0; round < 4; ++round) {
-                        if (!Link::go.wait())
-                            return;
-                        Link::go.reset();
-                        Context::sleep(100);
-                        Msg(parent, Catalogue::LogDaemonLocalWriteLog::Message).send();
-                        Context::sleep(100);
-                        Msg(parent, "EndPost").send();
-                    }
-                },
-                "Waker");
-            awaitWorker("pieces");
+    asParent([] {
+        WorkerThread worker(
+            [] {
+                const MsgAddress parent = connectToParent("pieces");
+                for (int round = 0; round < 4; ++round) {
+                    if (!Link::go.wait())
+                        return;
+                    Link::go.reset();
+                    Context::sleep(100);
+                    Msg(parent, Catalogue::LogDaemonLocalWriteLog::Message).send();
+                    Context::sleep(100);
+                    Msg(parent, "EndPost").send();
+                }
+            },
+            "Waker");
+        awaitWorker("pieces");
 
-            const QRegularExpression piece("^Wait (\\d+) msec for message$");
-            for (const qint64 limit : {900000, 600000, 500000, 3000}) {
-                const TracePosition start(true);
-                Link::go.open();
-                IpcResult result = eIpcResultClosed;
-                const Msg end = Link::parent->receive(result, limit);
-                ASSERT_EQ(end.name(), "EndPost") << limit;
-                QList<qint64> pieces;
-                for (const QString& line : tracedSince(start)) {
-                    const QRegularExpressionMatch match = piece.match(line);
-                    if (match.hasMatch())
-                        pieces << match.captured(1).toLongLong();
-                }
-                ASSERT_EQ(pieces.size(), 2) << limit << ": one piece, then another after the log message";
-                if (limit == 900000) {
-                    EXPECT_EQ(pieces[0], 300000);
-                    EXPECT_EQ(pieces[1], 300000) << "still more than 600,000 left";
-                } else if (limit == 600000) {
-                    EXPECT_EQ(pieces[0], 300000) << "half of 600,000";
-                    EXPECT_GT(pieces[1], 299000);
-                    EXPECT_LT(pieces[1], 300000);
-                } else if (limit == 500000) {
-                    EXPECT_EQ(pieces[0], 250000);
-                    EXPECT_LT(pieces[1], 250000);
-                } else {
-                    EXPECT_EQ(pieces[0], 1500);
-                    EXPECT_GE(pieces[1], 1300) << "half of what was left after about 100 ms";
-                    EXPECT_LT(pieces[1], 1500);
-                }
+        // The wait's limit, its first piece, and the bounds of the second.
+        const struct {
+            qint64 limit, first, secondLow, secondHigh;
+        } rounds[] = {{900000, 300000, 300000, 300000},
+                      {600000, 300000, 299001, 299999},
+                      {500000, 250000, 0, 249999},
+                      {3000, 1500, 1300, 1499}};
+        const QRegularExpression piece("^Wait (\\d+) msec for message$");
+        for (const auto& round : rounds) {
+            TraceReader trace;
+            Link::go.open();
+            IpcResult result = eIpcResultClosed;
+            const Msg end = Link::parent->receive(result, round.limit);
+            ASSERT_EQ(end.name(), "EndPost") << round.limit << ": the log message is taken, not returned";
+            EXPECT_EQ(result, eIpcResultOk);
+            const QStringList lines = trace.nextTexts();
+            EXPECT_EQ(lines.filter("Give proxy log message to the bit bucket").size(), 1);
+            QList<qint64> pieces;
+            for (const QString& line : lines) {
+                const QRegularExpressionMatch match = piece.match(line);
+                if (match.hasMatch())
+                    pieces << match.captured(1).toLongLong();
             }
-            worker.join();
-            Link::reset();
-        },
-        "Parent"));
+            ASSERT_EQ(pieces.size(), 2) << round.limit << ": one piece, then another after the log message";
+            EXPECT_EQ(pieces[0], round.first) << round.limit;
+            EXPECT_GE(pieces[1], round.secondLow) << round.limit;
+            EXPECT_LE(pieces[1], round.secondHigh) << round.limit;
+        }
+        EXPECT_FALSE(Link::parent->loggingAddress());
+        worker.join();
+    });
 }
 
 // A messaging that failed or was released: every call fails at once, also a
@@ -456,8 +382,7 @@ TEST(MessagingFailures, DisabledMessagingFailsCleanly)
 
 TEST(MessagingData, PacketsToItselfWaitBehindMessages)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             const boost::shared_ptr<Messaging> messaging = Context::messaging();
             const unsigned channel = 5;
@@ -507,8 +432,7 @@ TEST(MessagingData, PacketsToItselfWaitBehindMessages)
 
 TEST(MessagingUI, AUserInterfaceThreadServesWhatIsPendingOnEverySend)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             static int pings;
             pings = 0;

@@ -15,7 +15,6 @@
 #include "messaging/msgpacket.h"
 #include "messaging/msgpending.h"
 
-#include "testhome.h"
 #include "threadcontexts.h"
 #include "tracelines.h"
 
@@ -48,7 +47,7 @@ bool post(const QString& name, int value = 0)
 
 } // namespace
 
-using MsgContent = MessagingTraceTest;
+using MsgContent = TraceTest<TraceModuleMsg>;
 
 TEST_F(MsgContent, ConstructorsComputeTheSourceAndTheAuthorization)
 {
@@ -78,23 +77,6 @@ TEST_F(MsgContent, ConstructorsComputeTheSourceAndTheAuthorization)
     EXPECT_TRUE(traces([] { EXPECT_EQ(Msg(MsgAddress(), "X").lastError(), eMsgResultInvalidArgs); }, TraceAlways,
                        "Invalid destination for message"));
     EXPECT_EQ(Msg(remote("beta", 3), QString()).lastError(), eMsgResultInvalidArgs);
-}
-
-TEST(MsgInContext, TheComputedSourceIsTheAddressToAnswerTo)
-{
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
-        [] {
-            EXPECT_EQ(Msg(MsgAddress(eMsgAddressContext, 9), "P").source(), Context::address());
-            EXPECT_FALSE(Msg(MsgAddress(eMsgAddressHub, 1), "P").source());
-            // Over a route the answer goes back the reversed way.
-            MsgRoute route;
-            route.append(MachineName("first"));
-            route.append(MachineName("second"));
-            const MsgAddress far(route, 5);
-            EXPECT_EQ(Msg(far, "P").source(), far.returnAddress(Context::address(), 0));
-        },
-        "Source"));
 }
 
 TEST_F(MsgContent, RebuiltFromAPacket)
@@ -199,11 +181,20 @@ TEST_F(MsgContent, BodyValuesCopiesAndClones)
 // ---------------------------------------------------------------------------
 // Dispatch on one thread
 
-TEST(MsgDispatch, RepliesCarryTheCookieAndTheirData)
+TEST(MsgDispatch, RepliesGoToTheComputedSourceWithTheCookieAndTheirData)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
+            // The computed source is the address to answer to.
+            EXPECT_EQ(Msg(MsgAddress(eMsgAddressContext, 9), "P").source(), Context::address());
+            EXPECT_FALSE(Msg(MsgAddress(eMsgAddressHub, 1), "P").source());
+            // Over a route the answer goes back the reversed way.
+            MsgRoute route;
+            route.append(MachineName("first"));
+            route.append(MachineName("second"));
+            const MsgAddress far(route, 5);
+            EXPECT_EQ(Msg(far, "P").source(), far.returnAddress(Context::address(), 0));
+
             Msg request(Context::address(), "ReadRequest");
             request.setCookie("req 1");
             ASSERT_TRUE(request.send());
@@ -227,8 +218,7 @@ TEST(MsgDispatch, RepliesCarryTheCookieAndTheirData)
 
 TEST(MsgDispatch, HandlersDeclineNewestFirstAndStopAWait)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             static QStringList calls;
             calls.clear();
@@ -241,13 +231,13 @@ TEST(MsgDispatch, HandlersDeclineNewestFirstAndStopAWait)
 
             // A message nobody takes is dropped without an error.
             calls.clear();
-            const TracePosition start(true);
+            TraceReader trace;
             handlers.add("IdlePost", handler([](const Msg&) { return calls << "idle", eMsgResultNotHandled; }));
             ASSERT_TRUE(post("IdlePost"));
             ASSERT_TRUE(post("NobodyPost"));
             EXPECT_EQ(Msg::wait(0), eMsgResultOk);
             EXPECT_EQ(calls, QStringList({"idle"}));
-            const QStringList lines = tracedSince(start);
+            const QStringList lines = trace.nextTexts();
             EXPECT_EQ(lines.filter(QRegularExpression("^Message 'IdlePost' from .* not handled$")).size(), 1);
             EXPECT_EQ(lines.filter(QRegularExpression("^Message 'NobodyPost' from .* has no handlers$")).size(), 1);
 
@@ -270,8 +260,7 @@ TEST(MsgDispatch, HandlersDeclineNewestFirstAndStopAWait)
 
 TEST(MsgDispatch, HandlersMayChangeTheTableWhileTheyRun)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             static QStringList calls;
             static MsgHandlerPointer first;
@@ -304,8 +293,7 @@ TEST(MsgDispatch, HandlersMayChangeTheTableWhileTheyRun)
 
 TEST(MsgDispatch, AnAuthorizedHandlerSeesOnlyMessagesThatCarryIt)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             static QStringList calls;
             const QByteArray pass = Authorization("pass").binary("beta");
@@ -325,12 +313,12 @@ TEST(MsgDispatch, AnAuthorizedHandlerSeesOnlyMessagesThatCarryIt)
             EXPECT_EQ(calls, QStringList({"guarded"}));
 
             calls.clear();
-            const TracePosition start(true);
+            TraceReader trace;
             messaging->requeue(
                 {Msg(Authorization("other"), from, to, "GuardedPost", XmlList()), Msg(from, "GuardedPost")});
             EXPECT_EQ(Msg::wait(0), eMsgResultOk);
             EXPECT_TRUE(calls.isEmpty()) << "refused on arrival: " << calls.join(',').toStdString();
-            EXPECT_EQ(tracedSince(start).filter("Not authorized, give it to the bit bucket").size(), 2);
+            EXPECT_EQ(trace.nextTexts().filter("Not authorized, give it to the bit bucket").size(), 2);
 
             // Without the guarded handler the name is open again.
             handlers.removeAll();
@@ -345,8 +333,7 @@ TEST(MsgDispatch, AnAuthorizedHandlerSeesOnlyMessagesThatCarryIt)
 
 TEST(MsgDispatch, TheWaitFamilyEndsAsAsked)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             ASSERT_TRUE(post("OtherPost"));
             const Msg absent = Msg::wait("AbsentPost", 0);
@@ -390,13 +377,12 @@ TEST(MsgDispatch, TheWaitFamilyEndsAsAsked)
 
 TEST(MsgDispatch, PendingMessagesForAnOwnEventLoop)
 {
-    TestHome home;
     MsgPending outside;
     EXPECT_FALSE(outside.isPending()) << "no messaging on this thread";
     EXPECT_FALSE(outside.handle());
     EXPECT_EQ(outside.lastError(), eMsgResultFailed);
 
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             static int handled;
             handled = 0;
@@ -427,8 +413,7 @@ TEST(MsgDispatch, PendingMessagesForAnOwnEventLoop)
 
 TEST(MsgDispatch, ManagedHandlersGoWithTheLastCopy)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             const boost::shared_ptr<Messaging> messaging = Context::messaging();
             const auto any = [](const Msg&) { return eMsgResultHandled; };

@@ -26,6 +26,7 @@
 #include <vector>
 
 using namespace Brevi;
+using namespace BreviTest;
 
 namespace {
 
@@ -59,7 +60,7 @@ boost::shared_ptr<IpcPacket> dataFor(unsigned channel)
 
 } // namespace
 
-using MsgQueueTest = BreviTest::MessagingTraceTest;
+using MsgQueueTest = BreviTest::TraceTest<TraceModuleMsg>;
 
 // Two producers hammer the queue while the owner drains it: every item
 // arrives once, each producer's items in the order they were put.
@@ -329,37 +330,40 @@ TEST_F(MsgQueueTest, ReceiveQueueServesMessagesBeforeData)
     EXPECT_FALSE(queue.enqueue(boost::shared_ptr<IpcPacket>()));
 }
 
+// The transport a thread may add beside the channels it has: asked for the
+// best, the queue names one; asked for one it cannot have, None, with the
+// reason.
 TEST_F(MsgQueueTest, ReceiveQueueAnswersWhichTransportAThreadMayAdd)
 {
     typedef DatachannelTransport T;
-    const auto answer = [](const MsgReceiveQueue& queue, T::Transport asked) {
-        queue.dataTransportType(asked);
-        return asked;
+    const struct {
+        T::Transport has, asked, answer;
+        const char* reason;
+    } cases[] = {
+        {T::None, T::Best, T::Memory, nullptr},
+        {T::None, T::IPC, T::IPC, nullptr},
+        {T::None, T::Memory, T::Memory, nullptr},
+        {T::None, T::File, T::File, nullptr},
+        {T::None, T::None, T::None, "Should not be given transport type"},
+        {T::IPC, T::Best, T::IPC, nullptr},
+        {T::IPC, T::IPC, T::IPC, nullptr},
+        {T::IPC, T::Memory, T::None, "Cannot mix IPC and Memory datachannels"},
+        {T::Memory, T::Best, T::None, "Can only have one memory datachannel per thread"},
+        {T::Memory, T::Memory, T::None, nullptr},
+        {T::Memory, T::File, T::None, nullptr},
+        {T::File, T::File, T::None, "Can only have one file datachannel per thread"},
     };
-    MsgReceiveQueue none;
-    EXPECT_EQ(answer(none, T::Best), T::Memory);
-    EXPECT_EQ(answer(none, T::IPC), T::IPC);
-    EXPECT_EQ(answer(none, T::Memory), T::Memory);
-    EXPECT_EQ(answer(none, T::File), T::File);
-    EXPECT_TRUE(
-        traces([&] { EXPECT_EQ(answer(none, T::None), T::None); }, TraceAlways, "Should not be given transport type"));
-
-    MsgReceiveQueue ipc;
-    ipc.addDatachannel(1, T::IPC);
-    EXPECT_EQ(answer(ipc, T::Best), T::IPC);
-    EXPECT_EQ(answer(ipc, T::IPC), T::IPC) << "any number of IPC channels";
-    EXPECT_TRUE(traces([&] { EXPECT_EQ(answer(ipc, T::Memory), T::None); }, TraceAlways,
-                       "Cannot mix IPC and Memory datachannels"));
-
-    MsgReceiveQueue memory;
-    memory.addDatachannel(1, T::Memory);
-    EXPECT_TRUE(traces([&] { EXPECT_EQ(answer(memory, T::Best), T::None); }, TraceAlways,
-                       "Can only have one memory datachannel per thread"));
-    EXPECT_EQ(answer(memory, T::Memory), T::None);
-    EXPECT_EQ(answer(memory, T::File), T::None);
-
-    MsgReceiveQueue file;
-    file.addDatachannel(1, T::File);
-    EXPECT_TRUE(traces([&] { EXPECT_EQ(answer(file, T::File), T::None); }, TraceAlways,
-                       "Can only have one file datachannel per thread"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.has << " asked " << c.asked);
+        MsgReceiveQueue queue;
+        if (c.has != T::None)
+            queue.addDatachannel(1, c.has);
+        T::Transport asked = c.asked;
+        TraceReader trace;
+        queue.dataTransportType(asked);
+        EXPECT_EQ(asked, c.answer);
+        if (c.reason) {
+            EXPECT_TRUE(trace.saw(c.reason, TraceAlways));
+        }
+    }
 }

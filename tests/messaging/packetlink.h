@@ -1,22 +1,19 @@
 #ifndef TESTS_MESSAGING_PACKETLINK_H
 #define TESTS_MESSAGING_PACKETLINK_H
 
-// Helpers of the packet tests: a connected loopback pair (port 0), waits that
-// always end, packets received from exact-size copies of their bytes, and a
-// fixture that can tell which lines the packet code traced.
+// Helpers of the packet tests: waits that always end, and packets received
+// from exact-size copies of their bytes.
 
 #include "messaging/binaryaddress.h"
 #include "messaging/ipcpacket.h"
 #include "messaging/ipcpacketreceive.h"
 #include "messaging/ipcpacketsend.h"
-#include "sockets/netaddress.h"
 #include "sockets/tcpsocketdata.h"
-#include "sockets/tcpsocketlisten.h"
 
+#include "loopback.h"
 #include "tracelines.h"
 
 #include <QByteArray>
-#include <QHostAddress>
 #include <QString>
 
 #include <boost/shared_ptr.hpp>
@@ -33,27 +30,6 @@ namespace BreviTest {
 
 // Every wait of these tests ends by this time, in milliseconds.
 const int WaitLimit = 5000;
-
-struct PacketLink {
-    boost::shared_ptr<Brevi::TCPSocketListen> listener;
-    boost::shared_ptr<Brevi::TCPSocketData> client;
-    boost::shared_ptr<Brevi::TCPSocketData> server;
-    explicit operator bool() const { return client && server && *client && *server; }
-};
-
-inline PacketLink makePacketLink()
-{
-    using namespace Brevi;
-    PacketLink link;
-    link.listener.reset(new TCPSocketListen("Listen", NetAddress(QHostAddress::LocalHost, 0), 5));
-    if (!*link.listener)
-        return link;
-    link.client.reset(new TCPSocketData("Client", link.listener->localAddress()));
-    link.server = link.listener->accept("Server", WaitLimit);
-    if (!link.client->complete(WaitLimit))
-        link.server.reset();
-    return link;
-}
 
 // True when the socket became ready for `events` within `ms`.
 inline bool waitFor(const Brevi::TCPSocket& socket, short events, int ms = WaitLimit)
@@ -128,16 +104,8 @@ boost::shared_ptr<P> receivedFrom(const QByteArray& bytes)
 
 inline Brevi::BinaryAddress address(const char* text) { return Brevi::BinaryAddress(Brevi::Extent(QByteArray(text))); }
 
-// The messaging trace fixture, with the packet modules at full detail too.
-class PacketTest : public MessagingTraceTest
-{
-protected:
-    PacketTest()
-    {
-        Brevi::Trace::setLevel(Brevi::TraceDebug, Brevi::TraceModuleMsgPacket);
-        Brevi::Trace::setLevel(Brevi::TraceDebug, Brevi::TraceModuleDataPacket);
-    }
-};
+// The messaging and packet modules at full detail.
+using PacketTest = TraceTest<Brevi::TraceModuleMsg, Brevi::TraceModuleMsgPacket, Brevi::TraceModuleDataPacket>;
 
 } // namespace BreviTest
 

@@ -10,7 +10,6 @@
 #include "messaging/msgcatalogue.h"
 #include "messaging/threadcomms.h"
 
-#include "testhome.h"
 #include "threadcontexts.h"
 
 #include <gtest/gtest.h>
@@ -55,8 +54,7 @@ void askingWorker()
 
 TEST(ThreadComms, AWorkerConnectsTalksUnderTheLinksNameAndLeaves)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             gLink = ThreadComms("job 7");
             WorkerThread worker(askingWorker, "Worker");
@@ -86,10 +84,9 @@ TEST(ThreadComms, AWorkerConnectsTalksUnderTheLinksNameAndLeaves)
 
 TEST(ThreadComms, InItsOwnThreadTheLinkLoopsBack)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
-            const TracePosition start(true);
+            TraceReader trace;
             ThreadComms link("self");
             ThreadComms copy;
             copy = link;
@@ -102,7 +99,7 @@ TEST(ThreadComms, InItsOwnThreadTheLinkLoopsBack)
             EXPECT_EQ(self.getCookie(), "self");
             EXPECT_TRUE(copy.disconnect());
             EXPECT_FALSE(copy.address());
-            const QStringList lines = tracedSince(start);
+            const QStringList lines = trace.nextTexts();
             EXPECT_EQ(lines.filter("Assignment operator").size(), 1) << lines.join('\n').toStdString();
             EXPECT_EQ(lines.filter("Trying to connect to the local thread, be happy").size(), 1);
             EXPECT_EQ(lines.filter("Trying to disconnect from local thread").size(), 1);
@@ -117,13 +114,13 @@ TEST(ThreadCommsBadInput, LinksThatCannotWork)
     std::thread([] { gLink = ThreadComms("orphan"); }).join();
     ASSERT_TRUE(runStandalone(
         [] {
-            const TracePosition start(true);
+            TraceReader trace;
             ThreadComms orphan = gLink;
             EXPECT_FALSE(orphan.connect());
             EXPECT_FALSE(orphan.failed());
             EXPECT_FALSE(orphan.send("AnyPost"));
             EXPECT_FALSE(orphan.disconnect());
-            gLines = tracedSince(start);
+            gLines = trace.nextTexts();
 
             // A worker whose context has no messaging cannot connect, and
             // tells its parent so.

@@ -2,9 +2,10 @@
 #define TESTS_MESSAGING_THREADCONTEXTS_H
 
 #include "core/context.h"
-#include "core/tracedump.h"
-#include "core/traceposition.h"
 #include "messaging/msg.h"
+
+#include "testhome.h"
+#include "tracelines.h"
 
 #include <QString>
 #include <QStringList>
@@ -32,6 +33,14 @@ inline bool runStandalone(void (*body)(), const QString& title)
             current();
         },
         Brevi::Context::TypeStandalone, 0, title);
+}
+
+// runStandalone under a fresh home of its own, for a test that looks at no
+// file of it.
+inline bool runInNewHome(void (*body)(), const QString& title)
+{
+    TestHome home;
+    return runStandalone(body, title);
 }
 
 // A thread of the process with a context of its own, joined at the latest
@@ -88,17 +97,6 @@ private:
 inline Brevi::MsgHandlerPointer handler(const std::function<Brevi::MsgResult(const Brevi::Msg&)>& function)
 {
     return boost::make_shared<Brevi::MsgHandlerFunction>(function);
-}
-
-// The texts of the lines the calling thread traced since `start`.
-inline QStringList tracedSince(const Brevi::TracePosition& start)
-{
-    Brevi::TracePosition from = start;
-    Brevi::TraceDump dump(nullptr, &from, nullptr);
-    QStringList lines;
-    while (auto entry = dump.popEntry())
-        lines << entry->getMessage();
-    return lines;
 }
 
 } // namespace BreviTest

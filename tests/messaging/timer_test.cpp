@@ -11,7 +11,6 @@
 #include "messaging/msgcatalogue.h"
 #include "messaging/timer.h"
 
-#include "testhome.h"
 #include "threadcontexts.h"
 
 #include <QRegularExpression>
@@ -84,8 +83,7 @@ Gate gWorkerSet;
 
 TEST(Timer, EventsFireInTimeOrderAndASecondSetOfANameMovesItsOneEvent)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             const unsigned long long base = Context::systemTime() + 400;
             ASSERT_TRUE(setAt("Last", base + 300, "l"));
@@ -103,8 +101,7 @@ TEST(Timer, EventsFireInTimeOrderAndASecondSetOfANameMovesItsOneEvent)
 
 TEST(Timer, NamesAndCancelArePerContext)
 {
-    TestHome home;
-    ASSERT_TRUE(runStandalone(
+    ASSERT_TRUE(runInNewHome(
         [] {
             WorkerThread worker(
                 [] {
@@ -154,7 +151,7 @@ TEST(Timer, ShutdownJoinsTheThreadAndTheTimerStaysDown)
     Timer::shutdown(); // no timer yet: nothing to do
     ASSERT_TRUE(runStandalone(
         [] {
-            const TracePosition start(true);
+            TraceReader trace;
             ASSERT_TRUE(Timer::set("Far", 60000));
             const MsgAddress timer = Timer::address();
             Timer::shutdown();
@@ -164,7 +161,7 @@ TEST(Timer, ShutdownJoinsTheThreadAndTheTimerStaysDown)
             EXPECT_FALSE(Timer::set("Far", 10));
             EXPECT_FALSE(Timer::cancel("Far"));
             Timer::shutdown();
-            const QStringList lines = tracedSince(start);
+            const QStringList lines = trace.nextTexts();
             EXPECT_EQ(lines.filter("Timer thread has been shut down").size(), 1) << lines.join('\n').toStdString();
             EXPECT_EQ(lines.filter("No timer thread, nothing to cancel for").size(), 1);
         },
@@ -210,11 +207,11 @@ TEST(TimerBadInput, CallersWithoutMessagingOrWithoutAName)
     ASSERT_TRUE(Context::run(
         [] {
             Trace::setLevel(TraceDebug, TraceModuleTimer);
-            const TracePosition start(true);
+            TraceReader trace;
             EXPECT_FALSE(Timer::set("Tick", 10));
             EXPECT_FALSE(Timer::set("", 10));
             EXPECT_FALSE(Timer::cancel("Tick"));
-            const QStringList lines = tracedSince(start);
+            const QStringList lines = trace.nextTexts();
             EXPECT_EQ(lines.filter("No messaging, cannot reach the timer thread").size(), 2)
                 << lines.join('\n').toStdString();
             EXPECT_EQ(lines.filter("No message name supplied").size(), 1);

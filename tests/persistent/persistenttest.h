@@ -1,8 +1,7 @@
 #ifndef TESTS_PERSISTENT_PERSISTENTTEST_H
 #define TESTS_PERSISTENT_PERSISTENTTEST_H
 
-#include "core/trace.h"
-#include "core/tracedump.h"
+#include "tracelines.h"
 
 #include <QFile>
 #include <QString>
@@ -11,33 +10,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <vector>
-
 namespace PersistentTest {
 
 // A scratch directory and a trace ring of the test's own on the thread, so
 // that a test can look at the lines its calls wrote.
-class Fixture : public ::testing::Test
+class Fixture : public BreviTest::TraceTest<>
 {
 protected:
-    Fixture()
-        : moRing(1 << 20)
-    {
-        moTrace.initializeBuffer(moRing.data(), unsigned(moRing.size()), false);
-        Brevi::Trace::object(&moTrace);
-    }
-    // A failed test shows what its calls traced.
-    ~Fixture() override
-    {
-        if (HasFailure()) {
-            Brevi::TraceDump dump(moTrace, nullptr, nullptr, nullptr);
-            while (auto entry = dump.popEntry())
-                std::printf("trace: %s\n", entry->getMessage().toLocal8Bit().constData());
-        }
-        Brevi::Trace::object(nullptr);
-    }
-
     QString path(const QString& name) const { return moDir.path() + "/" + name; }
 
     // Bytes of a file, from `offset` on, all or `count` of them.
@@ -57,32 +36,13 @@ protected:
         ASSERT_EQ(out.write(bytes), bytes.size());
     }
 
-    // The messages written since the last call, oldest first.
-    QStringList newLines()
-    {
-        Brevi::TraceDump dump(moTrace, nullptr, &moSeen, nullptr);
-        QStringList lines;
-        while (auto entry = dump.popEntry())
-            lines << entry->getMessage();
-        moSeen = dump.next();
-        return lines;
-    }
-
-    // True when a line written since the last look holds `text`.
-    bool traced(const QString& text)
-    {
-        const QStringList lines = newLines();
-        for (const QString& line : lines) {
-            if (line.contains(text))
-                return true;
-        }
-        return false;
-    }
+    // The lines written since the last look, and whether one of them holds
+    // `text`.
+    QStringList newLines() { return moReader.nextTexts(); }
+    ::testing::AssertionResult traced(const QString& text) { return moReader.saw(text); }
 
     QTemporaryDir moDir;
-    std::vector<unsigned char> moRing;
-    Brevi::Trace moTrace;
-    Brevi::TracePosition moSeen;
+    BreviTest::TraceReader moReader{moTrace};
 };
 
 } // namespace PersistentTest

@@ -129,6 +129,17 @@ TEST_F(RawFileTest, TruncateSetsTheEndAndLeavesThePositionThere)
     ASSERT_TRUE(file.truncate(1 << 20, true));
     EXPECT_EQ(file.size(), quint64(1 << 20));
     EXPECT_EQ(file.getPosition(), quint64(1 << 20));
+
+    // A buffered file writes its pending bytes first.
+    BufferedFile buffered(64);
+    ASSERT_TRUE(buffered.create(path("tr"), RawFile::eReadWrite));
+    buffered.write("0123456789", 10);
+    EXPECT_TRUE(buffered.truncate(4, false));
+    EXPECT_EQ(readFile("tr"), QByteArray("0123"));
+    EXPECT_EQ(buffered.getPosition(), 4u);
+    buffered.write("x", 1);
+    buffered.close();
+    EXPECT_EQ(readFile("tr"), QByteArray("0123x"));
 }
 
 TEST_F(RawFileTest, DeleteOnCloseLastsForOneOpen)
@@ -248,25 +259,12 @@ TEST_F(RawFileTest, BufferedReadAfterWriteDropsTheUnflushedBytes)
     EXPECT_EQ(readFile("r"), QByteArray("0123456789tail"));
 }
 
-TEST_F(RawFileTest, BufferedTruncateWritesThePendingBytesFirst)
-{
-    BufferedFile file(64);
-    ASSERT_TRUE(file.create(path("tr"), RawFile::eReadWrite));
-    file.write("0123456789", 10);
-    EXPECT_TRUE(file.truncate(4, false));
-    EXPECT_EQ(readFile("tr"), QByteArray("0123"));
-    EXPECT_EQ(file.getPosition(), 4u);
-    file.write("x", 1);
-    file.close();
-    EXPECT_EQ(readFile("tr"), QByteArray("0123x"));
-}
-
 TEST_F(RawFileTest, BufferedReadsMatchTheFileUnderRandomSeeks)
 {
     const QByteArray content = pattern(5000);
     writeFile("random", content);
     std::mt19937 random(20240611);
-    for (unsigned bufferSize : { 1u, 7u, 64u, 4096u }) {
+    for (unsigned bufferSize : {1u, 7u, 64u, 4096u}) {
         BufferedFile file(path("random"), RawFile::eReadOnly, bufferSize);
         ASSERT_TRUE(file);
         quint64 position = 0;

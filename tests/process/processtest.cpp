@@ -1,7 +1,6 @@
 #include "processtest.h"
 
 #include "core/context.h"
-#include "core/tracedumpentry.h"
 #include "testhome.h"
 
 #include <QDir>
@@ -29,40 +28,6 @@ void inContext(const std::function<void()>& body, Brevi::Context::Type type)
     const bool ran = Brevi::Context::run(runBody, type, 0, "processtest");
     gpBody = nullptr;
     ASSERT_TRUE(ran) << "the context did not come up";
-}
-
-TraceWatch::TraceWatch()
-{
-    Brevi::TraceDump dump(nullptr, nullptr, nullptr);
-    moStart = dump.next();
-}
-
-QStringList TraceWatch::lines()
-{
-    Brevi::TraceDump dump(nullptr, &moStart, nullptr);
-    QStringList fresh;
-    while (boost::shared_ptr<Brevi::TraceDumpEntry> entry = dump.popEntry())
-        fresh.append(entry->getMessage());
-    if (dump.isValid())
-        moStart = dump.next();
-    moSeen.append(fresh);
-    return fresh;
-}
-
-bool TraceWatch::saw(const QString& text, bool prefix)
-{
-    lines();
-    for (const QString& line : moSeen) {
-        if (line == text || (prefix && line.startsWith(text + ' ')))
-            return true;
-    }
-    return false;
-}
-
-std::string TraceWatch::all()
-{
-    lines();
-    return moSeen.join(" | ").toStdString();
 }
 
 QStringList openDescriptors()

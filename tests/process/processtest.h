@@ -2,8 +2,9 @@
 #define TESTS_PROCESS_PROCESSTEST_H
 
 #include "core/context.h"
-#include "core/tracedump.h"
 #include "process/handle.h"
+
+#include "tracelines.h"
 
 #include <QByteArray>
 #include <QString>
@@ -11,7 +12,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <string>
 
 namespace ProcessTest {
 
@@ -22,23 +22,6 @@ inline QString helper() { return QStringLiteral(HELPER_PATH); }
 // BREVI_HOME, so that the trace lines of what it calls can be read back. The
 // default type has no messaging; TypeStandalone gives the thread its own.
 void inContext(const std::function<void()>& body, Brevi::Context::Type type = Brevi::Context::Type(7));
-
-// The messages traced on this thread since construction (or the last call).
-class TraceWatch
-{
-public:
-    TraceWatch();
-    QStringList lines();
-    // True when one of the new lines equals `text`, or, when `prefix`, begins
-    // with it.
-    bool saw(const QString& text, bool prefix = true);
-    // Every line seen so far, for a failure message.
-    std::string all();
-
-private:
-    QStringList moSeen;
-    Brevi::TracePosition moStart;
-};
 
 // The descriptors this process has open, sorted.
 QStringList openDescriptors();

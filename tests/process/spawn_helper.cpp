@@ -1,5 +1,6 @@
 // A child for the process tests. The first argument picks what it does:
-//   args   prints each further argument as [argument], one a line
+//   args   prints its working directory, then each further argument as
+//          [argument], one a line
 //   block  waits until standard input ends, then exits 0
 //   fds    prints the numbers of its open descriptors, one a line
 #include <cstdio>
@@ -13,6 +14,8 @@ int main(int argc, char** argv)
 {
     const char* mode = argc > 1 ? argv[1] : "";
     if (!std::strcmp(mode, "args")) {
+        char directory[4096];
+        std::printf("%s\n", getcwd(directory, sizeof directory) ? directory : "?");
         for (int i = 2; i < argc; ++i)
             std::printf("[%s]\n", argv[i]);
         return 0;

@@ -17,73 +17,69 @@
 #include <unistd.h>
 
 using Brevi::Spawn;
+using BreviTest::TraceReader;
 using ProcessTest::inContext;
-using ProcessTest::TraceWatch;
 
 namespace {
 
-struct Refusal {
-    QString value;
-    Spawn::ErrorE error;
-    QString words;
-};
-
-TEST(SpawnSetup, ProgramPathChecksInOrder)
+// A refused value leaves what was set before: the program, or the member of
+// any other setter, which takes everything else without looking at the system.
+TEST(SpawnSetup, RefusedValuesGiveTheirErrorAndWordsAndChangeNothing)
 {
     inContext([] {
         QTemporaryDir directory;
         const QString plain = ProcessTest::writeFile(directory.path(), "plain", "data", 0644);
+        const QString file = ProcessTest::writeFile(directory.path(), "input", "data");
         Spawn spawn;
         EXPECT_EQ(spawn.error(), Spawn::eNone);
         ASSERT_TRUE(spawn.setProgram("/bin/sh"));
-        const Refusal cases[] = {
-            {QString(), Spawn::eEmptyString, "Empty string"},
-            {"bin/sh", Spawn::eBadPath, "Program path is not absolute"},
-            {directory.path() + "/missing", Spawn::eBadPath, "Program path is not a path"},
-            {directory.path(), Spawn::eBadPath, "Program path is not a path"},
-            {plain, Spawn::eBadPath, "Program path is not executable"},
+        const auto program = [&](const QString& v) { return spawn.setProgram(v); };
+        const auto stdinPath = [&](const QString& v) { return spawn.setStdin(v); };
+        const struct {
+            std::function<bool(const QString&)> setter;
+            QString value;
+            Spawn::ErrorE error;
+            QString words;
+        } cases[] = {
+            {program, QString(), Spawn::eEmptyString, "Empty string"},
+            {program, "bin/sh", Spawn::eBadPath, "Program path is not absolute"},
+            {program, directory.path() + "/missing", Spawn::eBadPath, "Program path is not a path"},
+            {program, directory.path(), Spawn::eBadPath, "Program path is not a path"},
+            {program, plain, Spawn::eBadPath, "Program path is not executable"},
+            {stdinPath, "relative/input", Spawn::eBadPath, "Path is not absolute 'relative/input'"},
+            {stdinPath, directory.path(), Spawn::eBadPath, "Path is not a file '" + directory.path() + "'"},
+            {stdinPath, file + "x", Spawn::eBadPath, "Path is not a file '" + file + "x'"},
+            {[&](const QString& v) { return spawn.setAccount(v); }, "", Spawn::eEmptyString, "Empty string"},
+            {[&](const QString& v) { return spawn.setQualifier(v); }, "", Spawn::eEmptyString, "Enpty string"},
+            {[&](const QString& v) { return spawn.setWorkingDirectory(v); }, "", Spawn::eEmptyString, "Empty  string"},
+            {[&](const QString& v) { return spawn.addEnvironment(v, "value"); }, "", Spawn::eEmptyString,
+             "Empty name string"},
         };
-        for (const Refusal& c : cases) {
-            TraceWatch trace;
-            EXPECT_FALSE(spawn.setProgram(c.value)) << c.value.toStdString();
-            EXPECT_EQ(spawn.error(), c.error) << c.value.toStdString();
-            EXPECT_TRUE(trace.saw(c.words, false)) << trace.all();
-            // The program set before stays.
-            EXPECT_EQ(spawn.commandLine(), "\"/bin/sh\"");
-        }
-    });
-}
-
-TEST(SpawnSetup, StdinPathChecksInOrder)
-{
-    inContext([] {
-        QTemporaryDir directory;
-        const QString file = ProcessTest::writeFile(directory.path(), "input", "data");
-        const Refusal cases[] = {
-            {"relative/input", Spawn::eBadPath, "Path is not absolute 'relative/input'"},
-            {directory.path(), Spawn::eBadPath, "Path is not a file '" + directory.path() + "'"},
-            {file + "x", Spawn::eBadPath, "Path is not a file '" + file + "x'"},
-        };
-        for (const Refusal& c : cases) {
-            Spawn spawn;
-            TraceWatch trace;
-            EXPECT_FALSE(spawn.setStdin(c.value));
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.words.toStdString());
+            TraceReader trace;
+            EXPECT_FALSE(c.setter(c.value));
             EXPECT_EQ(spawn.error(), c.error);
-            EXPECT_TRUE(trace.saw(c.words, false)) << trace.all();
+            EXPECT_TRUE(trace.saw(c.words));
+            EXPECT_EQ(spawn.commandLine(), "\"/bin/sh\"");
+            if (c.error == Spawn::eEmptyString && !c.value.isNull()) {
+                EXPECT_TRUE(c.setter("/no/such thing"));
+                EXPECT_EQ(spawn.error(), Spawn::eEmptyString) << "the last failure stays";
+            }
         }
+        EXPECT_TRUE(spawn.setStdin(file));
+        EXPECT_EQ(spawn.environmentCount(), 1u);
+        EXPECT_TRUE(spawn.addEnvironment("NAME", ""));
+        EXPECT_EQ(spawn.environmentCount(), 2u);
 
-        // The empty path is told at debug level only.
-        Spawn spawn;
-        TraceWatch quiet;
+        // An empty stdin path is told at debug level only.
+        TraceReader quiet;
         EXPECT_FALSE(spawn.setStdin(""));
         EXPECT_EQ(spawn.error(), Spawn::eEmptyString);
-        EXPECT_FALSE(quiet.saw("Empty string", false));
+        EXPECT_FALSE(quiet.saw("Empty string"));
         Brevi::Trace::setLevel(Brevi::TraceDebug, Brevi::TraceModuleSpawn);
-        TraceWatch debug;
         EXPECT_FALSE(spawn.setStdin(""));
-        EXPECT_TRUE(debug.saw("Empty string", false));
-
-        EXPECT_TRUE(spawn.setStdin(file));
+        EXPECT_TRUE(quiet.saw("Empty string"));
     });
 }
 
@@ -101,10 +97,10 @@ TEST(SpawnSetup, UnreadableStdinFile)
         int failed = 0;
         inContext([&] {
             Spawn spawn;
-            TraceWatch trace;
+            TraceReader trace;
             failed |= spawn.setStdin(file) ? 1 : 0;
             failed |= spawn.error() != Spawn::eNotReadable ? 2 : 0;
-            failed |= trace.saw("Path is not readable '" + file + "'", false) ? 0 : 4;
+            failed |= trace.saw("Path is not readable '" + file + "'") ? 0 : 4;
         });
         _exit(failed);
     }
@@ -114,44 +110,17 @@ TEST(SpawnSetup, UnreadableStdinFile)
     EXPECT_EQ(WEXITSTATUS(status), 0) << "1 accepted, 2 error value, 4 trace line, 3 could not give up root";
 }
 
-TEST(SpawnSetup, EmptyStringsAreRefusedWithTheirOwnWords)
-{
-    inContext([] {
-        Spawn spawn;
-        const std::function<bool(const QString&)> setters[] = {
-            [&](const QString& v) { return spawn.setAccount(v); },
-            [&](const QString& v) { return spawn.setQualifier(v); },
-            [&](const QString& v) { return spawn.setWorkingDirectory(v); },
-            [&](const QString& v) { return spawn.addEnvironment(v, "value"); },
-        };
-        const char* words[] = {"Empty string", "Enpty string", "Empty  string", "Empty name string"};
-        for (int i = 0; i < 4; ++i) {
-            TraceWatch trace;
-            Spawn fresh;
-            spawn = fresh;
-            EXPECT_FALSE(setters[i](""));
-            EXPECT_EQ(spawn.error(), Spawn::eEmptyString);
-            EXPECT_TRUE(trace.saw(words[i], false)) << words[i] << ": " << trace.all();
-            // Anything else is taken without a look at the system, and the
-            // last failure stays.
-            EXPECT_TRUE(setters[i]("/no/such thing"));
-            EXPECT_EQ(spawn.error(), Spawn::eEmptyString);
-        }
-        EXPECT_EQ(spawn.environmentCount(), 1u);
-        EXPECT_TRUE(spawn.addEnvironment("NAME", ""));
-        EXPECT_EQ(spawn.environmentCount(), 2u);
-    });
-}
-
-TEST(SpawnSetup, ArgumentsNullEmptyAndNumbers)
+// Values become arguments in their own words; the command line quotes each
+// argument unless it already begins with a quote, and escapes nothing.
+TEST(SpawnSetup, ArgumentsAndTheCommandLine)
 {
     inContext([] {
         Spawn spawn;
         ASSERT_TRUE(spawn.setProgram("/bin/sh"));
-        TraceWatch trace;
+        TraceReader trace;
         EXPECT_FALSE(spawn.addArgument(QString()));
         EXPECT_EQ(spawn.error(), Spawn::eNullString);
-        EXPECT_TRUE(trace.saw("NULL string", false));
+        EXPECT_TRUE(trace.saw("NULL string"));
         EXPECT_FALSE(spawn.addArgument(static_cast<const char*>(nullptr)));
         EXPECT_EQ(spawn.argumentCount(), 0u);
 
@@ -167,24 +136,16 @@ TEST(SpawnSetup, ArgumentsNullEmptyAndNumbers)
         EXPECT_EQ(spawn.commandLine(), "\"/bin/sh\" \"\" \"true\" \"false\" \"4294967295\" \"-5\" "
                                        "\"18446744073709551615\" \"-9223372036854775808\" \"text\"");
     });
-}
 
-TEST(SpawnSetup, CommandLineQuoting)
-{
     const auto line = [](const QString& program, const QStringList& arguments) {
         return Spawn::buildCommandLine(program, arguments).toStdString();
     };
-    EXPECT_EQ(line("/bin/prog", {}), "\"/bin/prog\"");
-    // A leading quote of either kind turns the automatic quotes off.
     EXPECT_EQ(line("\"/bin/prog\"", {}), "\"/bin/prog\"");
     EXPECT_EQ(line("'/bin/my prog'", {}), "'/bin/my prog'");
     EXPECT_EQ(line("", {}), "\"\"");
-    EXPECT_EQ(line("/p", {""}), "\"/p\" \"\"");
     EXPECT_EQ(line("/p", {"\""}), "\"/p\" \"");
-    EXPECT_EQ(line("/p", {"'a b'", "\"c d\""}), "\"/p\" 'a b' \"c d\"");
-    // Nothing inside is escaped.
-    EXPECT_EQ(line("/p", {"a\"b", "C:\\dir\\", "two words", "x'"}),
-              "\"/p\" \"a\"b\" \"C:\\dir\\\" \"two words\" \"x'\"");
+    EXPECT_EQ(line("/p", {"'a b'", "\"c d\"", "a\"b", "C:\\dir\\", "two words", "x'"}),
+              "\"/p\" 'a b' \"c d\" \"a\"b\" \"C:\\dir\\\" \"two words\" \"x'\"");
 }
 
 } // namespace

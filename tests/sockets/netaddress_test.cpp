@@ -12,7 +12,7 @@
 #include <netinet/in.h>
 
 using namespace Brevi;
-using BreviTest::SocketTest;
+using namespace BreviTest;
 
 TEST(NetAddress, TextFormParsesAndReadsBack)
 {

@@ -1,7 +1,5 @@
 #include "socketstest.h"
 
-#include "core/tracedump.h"
-
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -78,44 +76,6 @@ FileLimit::~FileLimit()
         limit.rlim_cur = mulSaved;
         setrlimit(RLIMIT_NOFILE, &limit);
     }
-}
-
-Link makeLink()
-{
-    Link link;
-    link.listener.reset(new TCPSocketListen("Listen", NetAddress(QHostAddress::LocalHost, 0), 5));
-    link.client.reset(new TCPSocketData("Client", link.listener->localAddress()));
-    link.server = link.listener->accept("Server", 5000);
-    if (!link.client->complete(5000))
-        link.server.reset();
-    return link;
-}
-
-SocketTest::SocketTest()
-{
-    Trace::setLevel(TraceDebug, TraceModuleTcpSocket);
-    Trace::setLevel(TraceDebug, TraceModuleNetAddress);
-}
-
-::testing::AssertionResult SocketTest::traces(const std::function<void()>& action, TraceLevelE level,
-                                              const QString& text)
-{
-    const TracePosition start(true);
-    action();
-    return tracedSince(start, level, text);
-}
-
-::testing::AssertionResult SocketTest::tracedSince(TracePosition start, TraceLevelE level, const QString& text)
-{
-    TraceDump dump(nullptr, &start, nullptr);
-    auto failure = ::testing::AssertionFailure()
-                   << "no line at level " << level << " with \"" << text.toStdString() << "\", only:";
-    while (auto entry = dump.popEntry()) {
-        if (entry->getLevel() <= level && entry->getMessage().contains(text))
-            return ::testing::AssertionSuccess();
-        failure << "\n  [" << entry->getLevel() << "] " << entry->getMessage().toStdString();
-    }
-    return failure;
 }
 
 } // namespace BreviTest

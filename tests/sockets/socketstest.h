@@ -1,14 +1,14 @@
 #ifndef TESTS_SOCKETS_SOCKETSTEST_H
 #define TESTS_SOCKETS_SOCKETSTEST_H
 
-#include "core/trace.h"
-#include "core/traceposition.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
 
+#include "loopback.h"
+#include "tracelines.h"
+
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <ostream>
 
@@ -41,32 +41,12 @@ private:
     bool mbOk = false;
 };
 
-// A loopback listener, a client connected to it and the server's end, made
-// with bounded waits; `server` is null if that failed.
-struct Link {
-    std::unique_ptr<Brevi::TCPSocketListen> listener;
-    std::unique_ptr<Brevi::TCPSocketData> client;
-    boost::shared_ptr<Brevi::TCPSocketData> server;
-};
-Link makeLink();
+// A connected loopback pair.
+using Link = LoopbackLink;
+inline Link makeLink() { return makeLoopbackLink(); }
 
-// Owns a Trace on the test's thread with the socket modules at full detail.
-class SocketTest : public ::testing::Test
-{
-protected:
-    SocketTest();
-
-    // Success when `action` wrote a line at `level` or below holding `text`;
-    // the failure lists what was written instead.
-    ::testing::AssertionResult traces(const std::function<void()>& action, Brevi::TraceLevelE level,
-                                      const QString& text);
-    // The same for the lines since `start`. Reading the trace needs
-    // descriptors (the sanitizers' runtime makes pipes): a test that runs out
-    // of them on purpose reads afterwards.
-    ::testing::AssertionResult tracedSince(Brevi::TracePosition start, Brevi::TraceLevelE level, const QString& text);
-
-    Brevi::Trace moTrace;
-};
+// The socket modules at full detail.
+using SocketTest = TraceTest<Brevi::TraceModuleTcpSocket, Brevi::TraceModuleNetAddress>;
 
 } // namespace BreviTest
 

@@ -182,33 +182,31 @@ TEST_F(SocketTest, BytesTravelUntilTheBufferIsFull)
     EXPECT_EQ(link.client->send("y", 1), 1u) << "room again once the peer read";
 }
 
-TEST_F(SocketTest, PeerResetWhileSendingDisables)
+// A reset from the peer disables a socket that sends, and only ends the
+// stream of one that receives.
+TEST_F(SocketTest, PeerResetDisablesASenderAndClosesAReceiver)
 {
-    Link link = makeLink();
-    ASSERT_TRUE(link.server);
-    link.server->close(); // abortive: the client receives a reset
-    ASSERT_TRUE(readable(link.client->socket(), 5000));
-    EXPECT_TRUE(
-        traces([&] { EXPECT_EQ(link.client->send("z", 1), 0u); }, TraceAlways, "Error sending data over socket"));
-    EXPECT_FALSE(*link.client);
-    EXPECT_EQ(link.client->lastError(), eTCPErrorClosed);
-    EXPECT_EQ(link.client->send("z", 1), 0u);
-    EXPECT_EQ(link.client->socketError(), eTCPErrorDisabled);
-}
+    Link sender = makeLink();
+    Link receiver = makeLink();
+    ASSERT_TRUE(sender.server && receiver.server);
+    sender.server->close(); // abortive: the client receives a reset
+    receiver.server->close();
+    ASSERT_TRUE(readable(sender.client->socket(), 5000) && readable(receiver.client->socket(), 5000));
 
-TEST_F(SocketTest, PeerResetWhileReceivingOnlyCloses)
-{
-    Link link = makeLink();
-    ASSERT_TRUE(link.server);
-    link.server->close();
-    ASSERT_TRUE(readable(link.client->socket(), 5000));
-    char buffer[16];
     EXPECT_TRUE(
-        traces([&] { EXPECT_EQ(link.client->recv(buffer, 16), 0u); }, TraceNormal, "Error receiving data over socket"));
-    EXPECT_EQ(link.client->lastError(), eTCPErrorClosed);
-    EXPECT_TRUE(isUsable(*link.client));
-    EXPECT_EQ(link.client->recv(buffer, 16), 0u);
-    EXPECT_EQ(link.client->lastError(), eTCPErrorClosed) << "then the stream reads as ended";
+        traces([&] { EXPECT_EQ(sender.client->send("z", 1), 0u); }, TraceAlways, "Error sending data over socket"));
+    EXPECT_FALSE(*sender.client);
+    EXPECT_EQ(sender.client->lastError(), eTCPErrorClosed);
+    EXPECT_EQ(sender.client->send("z", 1), 0u);
+    EXPECT_EQ(sender.client->socketError(), eTCPErrorDisabled);
+
+    char buffer[16];
+    EXPECT_TRUE(traces([&] { EXPECT_EQ(receiver.client->recv(buffer, 16), 0u); }, TraceNormal,
+                       "Error receiving data over socket"));
+    EXPECT_EQ(receiver.client->lastError(), eTCPErrorClosed);
+    EXPECT_TRUE(isUsable(*receiver.client));
+    EXPECT_EQ(receiver.client->recv(buffer, 16), 0u);
+    EXPECT_EQ(receiver.client->lastError(), eTCPErrorClosed) << "then the stream reads as ended";
 }
 
 TEST_F(SocketTest, EndOfStreamAndHalfClose)

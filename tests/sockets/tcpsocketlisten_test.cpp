@@ -93,13 +93,13 @@ TEST_F(SocketTest, OutOfDescriptorsDisablesTheListener)
     const int lowest = dup(0);
     ::close(lowest);
     boost::shared_ptr<TCPSocketData> server;
-    const TracePosition start(true);
+    TraceReader trace;
     {
         FileLimit limit((unsigned long)(lowest)); // no descriptor can be made
         ASSERT_TRUE(limit.ok());
         server = listener.accept("Server", 1000);
     }
-    EXPECT_TRUE(tracedSince(start, TraceAlways, "accept returned"));
+    EXPECT_TRUE(trace.saw("accept returned", TraceAlways));
     EXPECT_FALSE(server);
     EXPECT_FALSE(listener);
     EXPECT_EQ(listener.lastError(), eTCPErrorTooManyFiles);

@@ -174,21 +174,21 @@ TEST_F(SocketTest, SelectBacksOffOnResourceErrors)
     EXPECT_EQ(link.client->send("x", 1), 1u);
     select.set(link.server, TCPSocketSelect::Read);
     ASSERT_EQ(select.wait(5000), eTCPErrorNone);
-    TracePosition hundredth;
-    TracePosition anew;
+    TraceReader hundredth;
+    TraceReader anew;
     {
         FileLimit limit(1);
         const long long start = monotonicMs();
         for (int i = 0; i < 99; ++i)
             ASSERT_EQ(failingWait(), eTCPErrorInterrupted) << i;
         EXPECT_GE(monotonicMs() - start, 99 * 100 - 50) << "each failure pauses 100 milliseconds";
-        hundredth = TracePosition(true);
+        hundredth = TraceReader();
         EXPECT_EQ(failingWait(), eTCPErrorInternal);
-        anew = TracePosition(true);
+        anew = TraceReader();
         EXPECT_EQ(failingWait(), eTCPErrorInterrupted) << "the count starts anew";
     }
-    EXPECT_TRUE(tracedSince(hundredth, TraceAlways, "Select returned with"));
-    EXPECT_TRUE(tracedSince(anew, TraceAlways, "Resource error, backup for 100ms"));
+    EXPECT_TRUE(hundredth.saw("Select returned with", TraceAlways));
+    EXPECT_TRUE(anew.saw("Resource error, backup for 100ms", TraceAlways));
 }
 
 TEST_F(SocketTest, PollForAcceptAndConnect)
