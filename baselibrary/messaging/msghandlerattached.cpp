@@ -211,10 +211,10 @@ bool MsgHandlerAttached::awaitAttachReply(MachineName& machine, const QString& g
                                 << HubMgrAttachReply::MachineName << "data" << message.body().toBinary();
             break;
         }
-        bool hasParent = true;
-        const XmlList parent = message.getXmlList(HubMgrAttachReply::ParentAddress, &hasParent);
-        if (hasParent)
-            moParentAddress = MsgAddress(parent);
+        // Only a process the Hub started for another has a parent; asking for
+        // the list without looking first would trace its absence as an error.
+        if (!message.body().first(HubMgrAttachReply::ParentAddress).isNull())
+            moParentAddress = MsgAddress(message.getXmlList(HubMgrAttachReply::ParentAddress));
 
         machine = MachineName(machineName);
         BTRACE(TraceNormal) << "Local machine name set to" << machine.fullName();
