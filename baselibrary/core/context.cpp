@@ -8,6 +8,7 @@
 #include "messaging/messaging.h"
 #include "messaging/msg.h"
 #include "messaging/msgcatalogue.h"
+#include "messaging/timer.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -204,8 +205,12 @@ void Context::traceAddress() { BTRACE(TraceAlways) << "Address is" << moAddress 
 
 Context::~Context()
 {
-    if (muiId == 1)
+    if (muiId == 1) {
+        // The timer thread has a context of its own that talks to this
+        // process's contexts: it goes before the messaging it relies on.
         BTRACE(TraceNormal) << "Shutdown any timer";
+        Timer::shutdown();
+    }
     if (mptMessaging) {
         // On this thread, while it is still this context's: only the owner
         // may release.
