@@ -45,6 +45,12 @@ struct SecurityAttributes {
 // <version>-<time>-<pid>-<tid>.dmp and, on a thread with a context, a .tra with
 // the text of its trace ring; the process then ends by the same signal.
 //
+// Types 3 (attached) and 4 (monitored) connect to the local Hub (port
+// BREVI_HUB_PORT, or 30303), retrying for up to two minutes (one attempt with
+// FlagAttachOnce), and trace into a buffer the Hub gives them, so that the Hub
+// can read it after the process's death. A monitored process then drops the
+// link and runs on standalone messaging. Without a Hub they do not come up.
+//
 // All code reaches identity, trace and messaging through the static members,
 // which look up the calling thread's context. A thread without one gets neutral
 // answers (0, empty, null), not a failure.
@@ -183,8 +189,8 @@ private:
     static const MsgAddress& physicalAddress();
     void setTrace(const QString& title);
     void setTraceFile(const QString& title, unsigned linesPerFile, unsigned filesToKeep);
-    // The messaging objects this context can have; empty where the messaging
-    // layer cannot provide them.
+    // The messaging objects this context can have; empty when they do not
+    // come up (for the attached one: no Hub, or the attach failed).
     boost::shared_ptr<Messaging> createStandaloneMessaging();
     boost::shared_ptr<Messaging> createAttachedMessaging(Type type, unsigned flags);
     // Types 3 and 4: attach to the Hub, take its trace buffer, have the
