@@ -209,6 +209,27 @@ boost::shared_ptr<DatachannelImpl> buildReceiver(Setup& setup)
 }
 
 bool validExtent(const Extent& data) { return data.data() && data.size(); }
+
+// The texts of the details by value; value 0 has none.
+const char* const TransportTexts[] = {"", "Best", "IPC", "Memory", "File"};
+const char* const SynchronizationTexts[] = {"", "None", "Windowed"};
+const char* const CompressionTexts[] = {"", "None", "OnSend"};
+
+template <size_t N>
+QString textOf(const char* const (&texts)[N], unsigned value)
+{
+    return value < N ? QString::fromLatin1(texts[value]) : QString();
+}
+
+// 0 for a text of none of the values.
+template <size_t N>
+unsigned valueOf(const char* const (&texts)[N], const QString& text)
+{
+    for (unsigned value = 1; value < N; ++value)
+        if (text == QLatin1String(texts[value]))
+            return value;
+    return 0;
+}
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -223,68 +244,31 @@ const char* Datachannel::resultName(Result result)
     return unsigned(result) <= unsigned(eNotConnected) ? names[result] : "unknown";
 }
 
-QString Datachannel::transportText(Transport transport)
-{
-    switch (transport) {
-    case Best:
-        return QStringLiteral("Best");
-    case IPC:
-        return QStringLiteral("IPC");
-    case Memory:
-        return QStringLiteral("Memory");
-    case File:
-        return QStringLiteral("File");
-    default:
-        return QString();
-    }
-}
+QString Datachannel::transportText(Transport transport) { return textOf(TransportTexts, transport); }
 
 QString Datachannel::synchronizationText(Synchronization synchronization)
 {
-    switch (synchronization) {
-    case Synchronization::None:
-        return QStringLiteral("None");
-    case Synchronization::Windowed:
-        return QStringLiteral("Windowed");
-    default:
-        return QString();
-    }
+    return textOf(SynchronizationTexts, unsigned(synchronization));
 }
 
 QString Datachannel::compressionText(Compression compression)
 {
-    switch (compression) {
-    case Compression::None:
-        return QStringLiteral("None");
-    case Compression::OnSend:
-        return QStringLiteral("OnSend");
-    default:
-        return QString();
-    }
+    return textOf(CompressionTexts, unsigned(compression));
 }
 
 Datachannel::Transport Datachannel::transportFromText(const QString& text)
 {
-    for (const Transport transport : {Best, IPC, Memory, File})
-        if (text == transportText(transport))
-            return transport;
-    return None;
+    return Transport(valueOf(TransportTexts, text));
 }
 
 Datachannel::Synchronization Datachannel::synchronizationFromText(const QString& text)
 {
-    for (const Synchronization value : {Synchronization::None, Synchronization::Windowed})
-        if (text == synchronizationText(value))
-            return value;
-    return Synchronization::Default;
+    return Synchronization(valueOf(SynchronizationTexts, text));
 }
 
 Datachannel::Compression Datachannel::compressionFromText(const QString& text)
 {
-    for (const Compression value : {Compression::None, Compression::OnSend})
-        if (text == compressionText(value))
-            return value;
-    return Compression::Default;
+    return Compression(valueOf(CompressionTexts, text));
 }
 
 // ---------------------------------------------------------------------------
@@ -451,131 +435,96 @@ void Datachannel::close() { mptImpl = invalidImpl(); }
 // ---------------------------------------------------------------------------
 // Moving bytes
 
-Datachannel::Result Datachannel::send(const Extent& data, bool flush)
+Datachannel::Result Datachannel::role(bool send, const char* refusal) const
 {
     if (!mptImpl->isValid())
         return eDown;
-    if (!mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to send a receive channel";
-        return eInvalidRequest;
-    }
-    if (!validExtent(data))
-        return eInvalidArgument;
-    return mptImpl->send(data, flush);
+    if (mptImpl->isSend() == send)
+        return eOk;
+    BTRACE(TraceAlways) << refusal;
+    return eInvalidRequest;
+}
+
+Datachannel::Result Datachannel::send(const Extent& data, bool flush)
+{
+    const Result result = role(true, "Attempt to send a receive channel");
+    if (result != eOk)
+        return result;
+    return validExtent(data) ? mptImpl->send(data, flush) : eInvalidArgument;
 }
 
 Datachannel::Result Datachannel::send(unsigned& sent, const void* data, unsigned size, bool flush)
 {
     sent = 0;
-    if (!mptImpl->isValid())
-        return eDown;
-    if (!mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to send a receive channel";
-        return eInvalidRequest;
-    }
-    if (!data || !size)
-        return eInvalidArgument;
-    return mptImpl->send(sent, data, size, flush);
+    const Result result = role(true, "Attempt to send a receive channel");
+    if (result != eOk)
+        return result;
+    return data && size ? mptImpl->send(sent, data, size, flush) : eInvalidArgument;
 }
 
 Datachannel::Result Datachannel::getSendBuffer(Extent& buffer)
 {
-    if (!mptImpl->isValid())
-        return eDown;
-    if (!mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to get a send buffer on a receive channel";
-        return eInvalidRequest;
-    }
-    return mptImpl->getSendBuffer(buffer);
+    const Result result = role(true, "Attempt to get a send buffer on a receive channel");
+    return result == eOk ? mptImpl->getSendBuffer(buffer) : result;
 }
 
 Datachannel::Result Datachannel::getSendBuffer(void*& buffer, unsigned& size)
 {
     Extent extent;
     const Result result = getSendBuffer(extent);
-    buffer = result == eOk ? extent.data() : nullptr;
-    size = result == eOk ? extent.size() : 0;
+    buffer = extent.data();
+    size = extent.size();
     return result;
 }
 
 Datachannel::Result Datachannel::sendBuffer(unsigned size)
 {
-    if (!mptImpl->isValid())
-        return eDown;
-    if (!mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to send a receive channel";
-        return eInvalidRequest;
-    }
-    return mptImpl->sendBuffer(size);
+    const Result result = role(true, "Attempt to send a receive channel");
+    return result == eOk ? mptImpl->sendBuffer(size) : result;
 }
 
 Datachannel::Result Datachannel::flush()
 {
-    if (!mptImpl->isValid())
-        return eDown;
-    if (!mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to flush a channel";
-        return eInvalidRequest;
-    }
-    return mptImpl->flush();
+    const Result result = role(true, "Attempt to flush a channel");
+    return result == eOk ? mptImpl->flush() : result;
 }
 
 Datachannel::Result Datachannel::receive(Extent& data)
 {
-    if (!mptImpl->isValid())
-        return eDown;
-    if (mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to receive on send channel";
-        return eInvalidRequest;
-    }
-    if (!validExtent(data))
-        return eInvalidArgument;
-    return mptImpl->receive(data);
+    const Result result = role(false, "Attempt to receive on send channel");
+    if (result != eOk)
+        return result;
+    return validExtent(data) ? mptImpl->receive(data) : eInvalidArgument;
 }
 
 Datachannel::Result Datachannel::receive(unsigned& got, void* data, unsigned size)
 {
     got = 0;
-    if (!mptImpl->isValid())
-        return eDown;
-    if (mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to receive on send channel";
-        return eInvalidRequest;
-    }
-    if (!data || !size)
-        return eInvalidArgument;
-    return mptImpl->receive(got, data, size);
+    const Result result = role(false, "Attempt to receive on send channel");
+    if (result != eOk)
+        return result;
+    return data && size ? mptImpl->receive(got, data, size) : eInvalidArgument;
 }
 
 Datachannel::Result Datachannel::getReceiveBuffer(Extent& buffer)
 {
-    if (!mptImpl->isValid())
-        return eDown;
-    if (mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to get a receive buffer on a send channel";
-        return eInvalidRequest;
-    }
-    return mptImpl->getReceiveBuffer(buffer);
+    const Result result = role(false, "Attempt to get a receive buffer on a send channel");
+    return result == eOk ? mptImpl->getReceiveBuffer(buffer) : result;
 }
 
 Datachannel::Result Datachannel::getReceiveBuffer(const void*& buffer, unsigned& size)
 {
     Extent extent;
     const Result result = getReceiveBuffer(extent);
-    buffer = result == eOk ? extent.data() : nullptr;
-    size = result == eOk ? extent.size() : 0;
+    buffer = extent.data();
+    size = extent.size();
     return result;
 }
 
 Datachannel::Result Datachannel::releaseBuffer()
 {
-    if (!mptImpl->isValid())
-        return eDown;
-    if (mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to release a buffer on a send channel";
-        return eInvalidRequest;
-    }
-    return mptImpl->releaseBuffer();
+    const Result result = role(false, "Attempt to release a buffer on a send channel");
+    return result == eOk ? mptImpl->releaseBuffer() : result;
 }
 
 Datachannel::Result Datachannel::available(Extent& buffer)
@@ -593,12 +542,9 @@ Datachannel::Result Datachannel::available(unsigned& count)
 
 Datachannel::Result Datachannel::connect(const XmlList& receiveDetails)
 {
-    if (!mptImpl->isValid())
-        return eDown;
-    if (!mptImpl->isSend()) {
-        BTRACE(TraceAlways) << "Attempt to connect a receive channel";
-        return eInvalidRequest;
-    }
+    const Result result = role(true, "Attempt to connect a receive channel");
+    if (result != eOk)
+        return result;
     if (mptImpl->connected()) {
         BTRACE(TraceAlways) << "Attempt to connect a connected channel";
         return eInvalidRequest;

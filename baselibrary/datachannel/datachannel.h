@@ -237,6 +237,9 @@ public:
     const boost::shared_ptr<DatachannelImpl>& impl() const { return mptImpl; }
 
 private:
+    // eOk when the channel is valid and this end sends (`send`) or receives;
+    // otherwise eDown, or eInvalidRequest with `refusal` traced.
+    Result role(bool send, const char* refusal) const;
     template <typename Operation>
     Result poll(Operation operation, const char* words);
 

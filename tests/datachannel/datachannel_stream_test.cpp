@@ -5,13 +5,9 @@
 #include "dcfixture.h"
 
 #include "core/extent.h"
-#include "core/sha1.h"
 #include "datachannel/datachannelgroup.h"
 #include "messaging/msg.h"
 
-#include <boost/make_shared.hpp>
-
-#include <map>
 #include <vector>
 
 using namespace Brevi;
@@ -20,8 +16,6 @@ using Sync = Datachannel::Synchronization;
 using Compress = Datachannel::Compression;
 
 namespace {
-
-const char* const Go = "DcGoPost";
 
 class Streams : public Channels
 {};
@@ -42,32 +36,24 @@ TEST_F(Streams, BetweenTwoContextsArriveWholeAndInOrderWithOneEndOfData)
                                      {Sync::Windowed, Compress::OnSend, 16384, 4, total / 8},
                                      {Sync::None, Compress::OnSend, 1000, 0, total / 32}};
     std::vector<Counted> received(cases.size());
-    std::atomic<bool> ready{false};
-    std::thread receiver([&] {
-        runAttached(
-            [&] {
-                ready = true;
-                for (Counted& counted : received) {
-                    MsgAddress sender;
-                    Datachannel channel = accept(boost::make_shared<Deadline>(120), &sender);
-                    counted = receiveStream(channel);
-                    Msg(sender, Done).send(true);
-                }
-            },
-            "receiver");
+    Attached receiver("receiver", [&] {
+        for (Counted& counted : received) {
+            MsgAddress sender;
+            Datachannel channel = accept(&sender);
+            counted = receiveStream(channel);
+            Msg(sender, Done).send(true);
+        }
     });
-    ASSERT_TRUE(await(ready));
     std::vector<Counted> sent;
     runAttached(
         [&] {
             for (const Case& c : cases) {
-                const XmlList details = Datachannel::sendDetails(Datachannel::IPC, named("receiver"), c.synchronization,
-                                                                 c.bufferSize, c.bufferCount, c.compression);
-                Datachannel channel = offer(named("receiver"), details, boost::make_shared<Deadline>(120));
+                Datachannel channel = offer(
+                    named("receiver"), Datachannel::sendDetails(Datachannel::IPC, named("receiver"), c.synchronization,
+                                                                c.bufferSize, c.bufferCount, c.compression));
                 EXPECT_TRUE(channel.connected());
                 sent.push_back(sendStream(channel, c.bytes));
-                // The next offer waits until this stream is read: the
-                // receiver handles no offer while it reads.
+                // The receiver takes no offer while it reads.
                 EXPECT_TRUE(Msg::wait(Done, named("receiver"), 120));
             }
         },
@@ -92,41 +78,29 @@ TEST_F(Streams, AReceiverThatStopsReadingStopsTheSenderAtTheWindow)
     const unsigned count = 8;
     const unsigned total = 60 * size;
     Counted received;
-    std::atomic<bool> ready{false};
-    std::thread receiver([&] {
-        runAttached(
-            [&] {
-                ready = true;
-                MsgAddress sender;
-                Datachannel channel = accept(boost::make_shared<Deadline>(60), &sender);
-                // Not a byte read until the sender has been held up; then
-                // everything, in order.
-                Msg::wait(1);
-                Msg(sender, "DcStalledPost").send(true);
-                Msg::wait(Go, 30);
-                received = receiveStream(channel);
-            },
-            "receiver");
+    Attached receiver("receiver", [&] {
+        MsgAddress sender;
+        Datachannel channel = accept(&sender);
+        // Not a byte read until the sender has been held up; then all of it.
+        Msg::wait(1);
+        Msg(sender, "DcStalledPost").send(true);
+        Msg::wait("DcGoPost", 30);
+        received = receiveStream(channel);
     });
-    ASSERT_TRUE(await(ready));
     runAttached(
         [&] {
             const boost::shared_ptr<Catch> stalled = boost::make_shared<Catch>("DcStalledPost");
             Datachannel channel = offer(
                 named("receiver"),
                 Datachannel::sendDetails(Datachannel::IPC, named("receiver"), Sync::Windowed, size, count), stalled);
-            unsigned sent = 0;
             unsigned available = total;
             const unsigned char* data = streamAt(0, available);
-            ASSERT_GE(available, total);
             const Extent all(data, total);
             EXPECT_EQ(channel.sendPolled(all), Datachannel::eMessagePending);
             EXPECT_EQ(channel.lastPollResult(), eMsgResultOk) << "the condition ended the wait";
             EXPECT_EQ(all.offset(), count * size) << "exactly the window went";
-            sent = all.offset();
-            Msg(named("receiver"), Go).send(true);
-            const Extent rest(data + sent, total - sent);
-            EXPECT_EQ(channel.sendPolled(rest), Datachannel::eOk);
+            Msg(named("receiver"), "DcGoPost").send(true);
+            EXPECT_EQ(channel.sendPolled(Extent(data + all.offset(), total - all.offset())), Datachannel::eOk);
             EXPECT_EQ(channel.flushPolled(), Datachannel::eOk);
         },
         "sender");
@@ -141,23 +115,15 @@ TEST_F(Streams, TheThrottleHoldsTheRateItIsSet)
     const unsigned rate = 1000000;
     const unsigned long long total = 4ull * rate;
     Counted received;
-    std::atomic<bool> ready{false};
-    std::thread receiver([&] {
-        runAttached(
-            [&] {
-                ready = true;
-                Datachannel channel = accept(boost::make_shared<Deadline>(60));
-                received = receiveStream(channel);
-            },
-            "receiver");
+    Attached receiver("receiver", [&] {
+        Datachannel channel = accept();
+        received = receiveStream(channel);
     });
-    ASSERT_TRUE(await(ready));
     double seconds = 0;
     runAttached(
         [&] {
             Datachannel channel = offer(
-                named("receiver"), Datachannel::sendDetails(Datachannel::IPC, named("receiver"), Sync::None, 10000),
-                boost::make_shared<Deadline>(60));
+                named("receiver"), Datachannel::sendDetails(Datachannel::IPC, named("receiver"), Sync::None, 10000));
             channel.throttle(rate);
             // Whole buffers: the throttle counts the packets' bytes.
             const auto start = std::chrono::steady_clock::now();
@@ -174,103 +140,70 @@ TEST_F(Streams, TheThrottleHoldsTheRateItIsSet)
     receiver.join();
     EXPECT_EQ(received.bytes, total);
     // The first second's allowance goes at once; the rest is paid for.
-    const double measured = double(total - rate) / seconds;
-    EXPECT_NEAR(measured, rate, rate * 0.05) << seconds << " s";
+    EXPECT_NEAR(double(total - rate) / seconds, rate, rate * 0.05) << seconds << " s";
 }
 
 TEST_F(Streams, AGroupServesSixteenSendersByteAndBufferRequestsAlike)
 {
     const int senders = 16;
-    const unsigned Piece = 50000;
-    const unsigned long long bytes = streamBytes(32ull << 20) / 16;
-    std::atomic<bool> ready{false};
-    std::vector<std::thread> threads;
-    std::vector<Counted> sent(senders);
-    std::map<unsigned, Counted> received;
-    std::thread receiver([&] {
-        runAttached(
-            [&] {
-                ready = true;
-                DatachannelGroup group;
-                std::vector<Datachannel> channels;
-                std::map<unsigned, DatachannelRequest> requests;
-                std::map<unsigned, Sha1> hashes;
-                std::vector<unsigned char> space(senders * Piece);
-                std::map<unsigned, unsigned char*> memory;
-                for (int i = 0; i < senders; ++i) {
-                    channels.push_back(accept(boost::make_shared<Deadline>(60)));
-                    DatachannelRequest request(channels.back());
-                    memory[request.hash()] = space.data() + i * Piece;
-                    // Half of them by the byte, half by the buffer.
-                    if (i % 2)
-                        request.requestBuffer();
-                    else
-                        request.request(memory[request.hash()], Piece);
-                    EXPECT_TRUE(group.add(request));
-                    EXPECT_FALSE(group.add(request)) << "one request per channel";
-                    requests[request.hash()] = request;
+    const unsigned piece = 50000;
+    const unsigned long long bytes = streamBytes(32ull << 20) / senders;
+    std::vector<Counted> received(senders);
+    Attached receiver("receiver", [&] {
+        struct Stream {
+            Datachannel channel;
+            DatachannelRequest request;
+            std::vector<unsigned char> memory;
+            Sha1 sha;
+        };
+        std::vector<Stream> streams(senders);
+        DatachannelGroup group;
+        for (int i = 0; i < senders; ++i) {
+            Stream& stream = streams[size_t(i)];
+            stream.channel = accept();
+            stream.memory.resize(piece);
+            stream.request.datachannel(stream.channel);
+            // Half of them by the byte, half by the buffer.
+            i % 2 ? stream.request.requestBuffer() : stream.request.request(stream.memory.data(), piece);
+            EXPECT_TRUE(group.add(stream.request));
+            EXPECT_FALSE(group.add(stream.request)) << "one request per channel";
+        }
+        MsgResult why = eMsgResultOk;
+        while (group.size() && group.wait(why))
+            for (int i = 0; i < senders; ++i) {
+                Stream& stream = streams[size_t(i)];
+                DatachannelRequest& request = stream.request;
+                if (!request.complete())
+                    continue;
+                Extent got = request.bufferMode() ? Extent() : Extent(stream.memory.data(), piece - request.wanted());
+                request.getBuffer(got);
+                stream.sha.addData(got);
+                received[size_t(i)].bytes += got.size();
+                if (request.result() == Datachannel::eOk) {
+                    request.bufferMode() ? request.requestBuffer() : request.request(stream.memory.data(), piece);
+                } else {
+                    received[size_t(i)].ends += request.result() == Datachannel::eEOD;
+                    group.remove(request);
+                    request = DatachannelRequest();
                 }
-                MsgResult why = eMsgResultOk;
-                while (group.size() && group.wait(why)) {
-                    for (auto it = requests.begin(); it != requests.end();) {
-                        DatachannelRequest& request = it->second;
-                        Counted& counted = received[it->first];
-                        Extent buffer;
-                        if (!request.complete()) {
-                            ++it;
-                            continue;
-                        }
-                        if (!request.bufferMode())
-                            buffer = Extent(memory[it->first], Piece - request.wanted());
-                        else
-                            request.getBuffer(buffer);
-                        hashes[it->first].addData(buffer);
-                        counted.bytes += buffer.size();
-                        if (request.result() == Datachannel::eOk) {
-                            if (request.bufferMode())
-                                request.requestBuffer();
-                            else
-                                request.request(memory[it->first], Piece);
-                            ++it;
-                            continue;
-                        }
-                        counted.ends += request.result() == Datachannel::eEOD;
-                        counted.result = request.result();
-                        group.remove(request);
-                        it = requests.erase(it);
-                    }
-                }
-                EXPECT_EQ(group.size(), 0) << "wait ended with " << why;
-                for (auto& item : hashes) {
-                    const Extent& digest = item.second.result();
-                    received[item.first].hash =
-                        QByteArray(reinterpret_cast<const char*>(digest.data()), int(digest.size())).toHex();
-                }
-            },
-            "receiver");
+            }
+        EXPECT_EQ(group.size(), 0) << "wait ended with " << why;
+        for (int i = 0; i < senders; ++i)
+            received[size_t(i)].hash = digest(streams[size_t(i)].sha);
     });
-    ASSERT_TRUE(await(ready));
+    std::vector<std::unique_ptr<Attached>> sending;
     for (int i = 0; i < senders; ++i)
-        threads.emplace_back([&, i] {
-            runAttached(
-                [&] {
-                    Datachannel channel =
-                        offer(named("receiver"), Datachannel::sendDetails(Datachannel::IPC, named("receiver")),
-                              boost::make_shared<Deadline>(120));
-                    sent[i] = sendStream(channel, bytes);
-                },
-                QStringLiteral("sender%1").arg(i));
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+        sending.emplace_back(new Attached(QStringLiteral("sender%1").arg(i), [&] {
+            Datachannel channel =
+                offer(named("receiver"), Datachannel::sendDetails(Datachannel::IPC, named("receiver")));
+            sendStream(channel, bytes);
+        }));
+    sending.clear();
     receiver.join();
-    const QByteArray expected = streamHash(bytes);
-    ASSERT_EQ(received.size(), size_t(senders));
-    for (const auto& item : received) {
-        SCOPED_TRACE(item.first);
-        EXPECT_EQ(item.second.bytes, bytes);
-        EXPECT_EQ(item.second.hash, expected);
-        EXPECT_EQ(item.second.ends, 1);
+    for (const Counted& counted : received) {
+        EXPECT_EQ(counted.bytes, bytes);
+        EXPECT_EQ(counted.hash, streamHash(bytes));
+        EXPECT_EQ(counted.ends, 1);
     }
 }
 

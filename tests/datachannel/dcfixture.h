@@ -12,6 +12,37 @@
 
 namespace DcTest {
 
+// `body` on a thread of its own, in a context attached as `name`; the
+// constructor returns once the context is up (or after 20 seconds).
+class Attached
+{
+public:
+    Attached(const QString& name, const std::function<void()>& body)
+        : moThread([this, name, body] {
+            runAttached(
+                [&] {
+                    mbReady = true;
+                    body();
+                },
+                name);
+            mbReady = true;
+        })
+    {
+        for (int waited = 0; !mbReady && waited < 20000; waited += 10)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ~Attached() { join(); }
+    void join()
+    {
+        if (moThread.joinable())
+            moThread.join();
+    }
+
+private:
+    std::atomic<bool> mbReady{false};
+    std::thread moThread;
+};
+
 // A test with the real Hub on a free port of its own home, which this
 // process's attached contexts and the helpers it starts attach to.
 class Channels : public HubTest::HubFixture
@@ -27,14 +58,6 @@ protected:
     static Brevi::MsgAddress named(const QString& name)
     {
         return Brevi::MsgAddress(Brevi::Context::machineName(), name, QString());
-    }
-
-    // Until `flag` is set, for at most `ms`.
-    static bool await(const std::atomic<bool>& flag, int ms = 20000)
-    {
-        for (int waited = 0; !flag && waited < ms; waited += 10)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return flag;
     }
 
     static double secondsSince(std::chrono::steady_clock::time_point start)

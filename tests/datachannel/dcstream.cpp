@@ -18,7 +18,6 @@ using namespace Brevi;
 namespace DcTest {
 
 namespace {
-typedef Datachannel::Result Result;
 
 // The stream is a block of this many bytes, read round and round: a prime,
 // so that no buffer size lines up with it. Four bits of each byte vary, so
@@ -41,11 +40,15 @@ const std::vector<unsigned char>& pattern()
     return block;
 }
 
+} // namespace
+
 QByteArray digest(Sha1& sha)
 {
     const Extent& result = sha.result();
     return QByteArray(reinterpret_cast<const char*>(result.data()), int(result.size())).toHex();
 }
+
+namespace {
 
 // Sizes of the pieces a sender hands over and a receiver asks for.
 const unsigned SendPieces[] = {1, 777, 16384, 65539, 200000, 4096, 17408};
@@ -53,40 +56,19 @@ const unsigned ReceivePieces[] = {1, 5000, 17408, 70000, 333};
 const unsigned ReceiveSpace = 70000;
 } // namespace
 
-Deadline::Deadline(int seconds)
-    : muiDeadline(Context::systemTime() + 1000ull * unsigned(seconds))
-{}
-
-bool Deadline::done()
-{
-    if (!mbDone && Context::systemTime() >= muiDeadline) {
-        setResult(eMsgResultTimeout);
-        setDone(true);
-    }
-    return mbDone;
-}
-
 Catch::Catch(const char* name)
     : msName(QString::fromLatin1(name))
-    , mptCondition(boost::make_shared<Condition>())
+    , mptHandler(boost::make_shared<MsgHandlerFunction>([this](const Msg& message) { return handle(message); }))
 {
-    const boost::shared_ptr<Condition> condition = mptCondition;
-    mptHandler = boost::make_shared<MsgHandlerFunction>([condition](const Msg& m) { return condition->handle(m); });
     Msg::addHandler(msName, mptHandler);
 }
 
 Catch::~Catch() { Msg::removeHandler(msName, mptHandler); }
 
-bool Catch::done()
-{
-    setResult(mptCondition->result());
-    return mptCondition->done();
-}
-
 Msg Catch::wait(int seconds)
 {
-    Msg::wait(*mptCondition, seconds);
-    return mptCondition->message();
+    Msg::wait(*this, seconds);
+    return message();
 }
 
 const unsigned char* streamAt(unsigned long long offset, unsigned& size)
@@ -112,43 +94,28 @@ Counted sendStream(Datachannel& channel, unsigned long long total)
 {
     Counted counted;
     Sha1 sha;
-    for (unsigned step = 0; total == 0 || counted.bytes < total; ++step) {
+    for (unsigned step = 0; counted.result == Datachannel::eOk && (total == 0 || counted.bytes < total); ++step) {
         unsigned size = SendPieces[step % (sizeof SendPieces / sizeof *SendPieces)];
         if (total)
             size = unsigned(std::min<unsigned long long>(size, total - counted.bytes));
         const unsigned char* data = streamAt(counted.bytes, size);
-        Result result = Datachannel::eOk;
         Extent buffer;
-        switch (step % 3) {
-        case 0:
-            result = channel.sendPolled(data, size);
-            break;
-        case 1:
-            // In place: the partly filled buffer goes first.
-            result = channel.flushPolled();
-            if (result == Datachannel::eOk)
-                result = channel.getSendBufferPolled(buffer);
-            if (result == Datachannel::eOk) {
-                size = std::min(size, buffer.size());
-                std::memcpy(buffer.data(), data, size);
-                result = channel.sendBufferPolled(size);
-            }
-            break;
-        default:
-            result = channel.availablePolled(buffer);
-            if (result == Datachannel::eOk) {
-                size = std::min(size, buffer.available());
-                std::memcpy(buffer.data(), data, size);
-                result = channel.usedPolled(size);
-            }
-            break;
+        // Copied, or in place: in a whole new buffer (the partly filled one
+        // goes first), or in the rest of the one in hand.
+        const bool whole = step % 3 == 1;
+        if (step % 3 == 0)
+            counted.result = channel.sendPolled(data, size);
+        else if ((counted.result = whole ? channel.flushPolled() : Datachannel::eOk) == Datachannel::eOk &&
+                 (counted.result = whole ? channel.getSendBufferPolled(buffer) : channel.availablePolled(buffer)) ==
+                     Datachannel::eOk) {
+            size = std::min(size, buffer.available());
+            std::memcpy(buffer.data(), data, size);
+            counted.result = whole ? channel.sendBufferPolled(size) : channel.usedPolled(size);
         }
-        if (result != Datachannel::eOk) {
-            counted.result = result;
-            break;
+        if (counted.result == Datachannel::eOk) {
+            sha.addData(data, size);
+            counted.bytes += size;
         }
-        sha.addData(data, size);
-        counted.bytes += size;
     }
     if (counted.result == Datachannel::eOk)
         counted.result = channel.flushPolled();
@@ -162,58 +129,30 @@ Counted receiveStream(Datachannel& channel, const std::function<bool(unsigned lo
     Counted counted;
     Sha1 sha;
     std::vector<unsigned char> space(ReceiveSpace);
-    for (unsigned step = 0;; ++step) {
-        if (stopAt && stopAt(counted.bytes))
-            break;
-        Result result = Datachannel::eOk;
+    for (unsigned step = 0; counted.result == Datachannel::eOk && !(stopAt && stopAt(counted.bytes)); ++step) {
         Extent buffer;
-        unsigned got = 0;
-        switch (step % 3) {
-        case 0: {
+        unsigned held = 0;
+        channel.available(held);
+        if (step % 2 == 0) {
             Extent into(space.data(), ReceivePieces[step % (sizeof ReceivePieces / sizeof *ReceivePieces)]);
-            result = channel.receivePolled(into);
-            got = into.offset();
-            sha.addData(space.data(), got);
-            break;
+            counted.result = channel.receivePolled(into);
+            buffer = Extent(space.data(), into.offset());
+        } else {
+            // A part of the buffer in hand, or a whole new one.
+            counted.result = held ? channel.availablePolled(buffer) : channel.getReceiveBufferPolled(buffer);
+            if (held && counted.result == Datachannel::eOk)
+                buffer = Extent(buffer.data(), std::min(held, 3000u));
         }
-        case 1: {
-            // A whole buffer needs the one in hand read first.
-            unsigned held = 0;
-            channel.available(held);
-            if (held && (result = channel.availablePolled(buffer)) == Datachannel::eOk) {
-                got = buffer.available();
-                sha.addData(buffer.data(), got);
-                result = channel.usedPolled(got);
-                break;
-            }
-            result = channel.getReceiveBufferPolled(buffer);
-            if (result == Datachannel::eOk) {
-                got = buffer.size();
-                sha.addData(buffer.data(), got);
-                result = channel.releaseBufferPolled();
-            }
-            break;
-        }
-        default:
-            result = channel.availablePolled(buffer);
-            if (result == Datachannel::eOk) {
-                got = std::min(buffer.available(), 3000u);
-                sha.addData(buffer.data(), got);
-                result = channel.usedPolled(got);
-            }
-            break;
-        }
-        counted.bytes += got;
-        if (result == Datachannel::eEOD) {
+        sha.addData(buffer);
+        counted.bytes += buffer.size();
+        if (step % 2 && counted.result == Datachannel::eOk)
+            counted.result = held ? channel.usedPolled(buffer.size()) : channel.releaseBufferPolled();
+        if (counted.result == Datachannel::eEOD) {
             // Seen once: the channel is over from here on.
             ++counted.ends;
             Extent one(space.data(), 1);
-            result = channel.receive(one);
-            counted.ends += result == Datachannel::eEOD;
-        }
-        if (result != Datachannel::eOk) {
-            counted.result = result;
-            break;
+            counted.result = channel.receive(one);
+            counted.ends += counted.result == Datachannel::eEOD;
         }
     }
     counted.hash = digest(sha);
@@ -238,7 +177,7 @@ Datachannel offer(const MsgAddress& receiver, const XmlList& details, const boos
     return channel;
 }
 
-Datachannel accept(const boost::shared_ptr<MsgCondition>& condition, MsgAddress* source, int seconds)
+Datachannel accept(MsgAddress* source, int seconds)
 {
     const Msg request = Msg::wait(Offer, seconds);
     XmlList details;
@@ -246,7 +185,7 @@ Datachannel accept(const boost::shared_ptr<MsgCondition>& condition, MsgAddress*
         return Datachannel();
     if (source)
         *source = request.source();
-    Datachannel channel(condition, details);
+    Datachannel channel(never(), details);
     XmlList body;
     body.set("Details", channel.receiveDetails());
     request.reply(Accept, body, eMsgDoNotCompress, true);

@@ -1,6 +1,7 @@
 #ifndef TESTS_DATACHANNEL_DCSTREAM_H
 #define TESTS_DATACHANNEL_DCSTREAM_H
 
+#include "core/sha1.h"
 #include "datachannel/datachannel.h"
 #include "messaging/condition.h"
 #include "messaging/msg.h"
@@ -10,6 +11,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <functional>
@@ -26,33 +28,19 @@ const char* const Offer = "DcOfferPost";
 const char* const Accept = "DcAcceptPost";
 const char* const Done = "DcDonePost";
 
-// A condition that ends a polled wait once `seconds` have passed, so that a
-// stream that stalls ends with eMessagePending rather than holding the test.
-class Deadline : public Brevi::MsgCondition
-{
-public:
-    explicit Deadline(int seconds);
-    bool done() override;
-
-private:
-    unsigned long long muiDeadline;
-};
-
 // Keeps the first message of `name` that comes while it lives, whoever
 // handles messages meanwhile (a polled channel operation drops what no
 // handler takes). As a channel's condition, it ends the polled waits.
-class Catch : public Brevi::MsgCondition
+class Catch : public Brevi::Condition
 {
 public:
     explicit Catch(const char* name);
     ~Catch() override;
-    bool done() override;
     // The message, waiting up to `seconds` for it.
     Brevi::Msg wait(int seconds);
 
 private:
     QString msName;
-    boost::shared_ptr<Brevi::Condition> mptCondition;
     Brevi::MsgHandlerPointer mptHandler;
 };
 
@@ -76,18 +64,21 @@ receiveStream(Brevi::Datachannel& channel,
               const std::function<bool(unsigned long long)>& stopAt = std::function<bool(unsigned long long)>());
 // The hash of the first `total` bytes of the stream, as the two ends take it.
 QByteArray streamHash(unsigned long long total);
+QByteArray digest(Brevi::Sha1& sha);
 // A piece of the stream from `offset`: up to `size` bytes, fewer where the
 // pattern it is cut from wraps round.
 const unsigned char* streamAt(unsigned long long offset, unsigned& size);
 
+// A condition that never ends a wait.
+inline boost::shared_ptr<Brevi::MsgCondition> never() { return boost::make_shared<Brevi::MsgCondition>(); }
+
 // The sender's half of the handshake: offers `details` to `receiver` and
 // connects with its answer. An invalid channel if no answer came.
 Brevi::Datachannel offer(const Brevi::MsgAddress& receiver, const Brevi::XmlList& details,
-                         const boost::shared_ptr<Brevi::MsgCondition>& condition, int seconds = 20);
+                         const boost::shared_ptr<Brevi::MsgCondition>& condition = never(), int seconds = 20);
 // The receiver's half: the channel of the next offer, answered; `source` is
 // set to the sender.
-Brevi::Datachannel accept(const boost::shared_ptr<Brevi::MsgCondition>& condition, Brevi::MsgAddress* source = nullptr,
-                          int seconds = 20);
+Brevi::Datachannel accept(Brevi::MsgAddress* source = nullptr, int seconds = 20);
 
 // Runs `body` on the calling thread in an attached context named `name`;
 // false when the context did not come up.
