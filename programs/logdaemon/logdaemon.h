@@ -5,6 +5,7 @@
 
 #include "messaging/msgresult.h"
 
+#include <QDateTime>
 #include <QHash>
 #include <QString>
 
@@ -63,12 +64,16 @@ public:
 
 private:
     void take(const Msg& message, bool otherMachine);
+    // The local time now; the zone's offset is looked up once a second.
+    QDateTime now();
     void watchProcesses();
 
     LogStore moStore;
     unsigned long long mullStored = 0;
     // The titles of this machine's live processes by ProcessId.
     QHash<unsigned, QString> moTitles;
+    qint64 mllOffsetSecond = -1;
+    int miOffset = 0;
 };
 
 } // namespace Brevi

@@ -45,8 +45,9 @@ struct LogRecord {
     // are the daemon's to fill in.
     static LogRecord fromBody(const XmlList& body, const QDateTime& received);
 
-    // What of a log body makes its text.
-    static Parameters parameters(const XmlList& body);
+    // What of a log body makes its text; the category and level go into
+    // `record` when one is given.
+    static Parameters parameters(const XmlList& body, LogRecord* record = nullptr);
 
     // The format (Arg) with each "%<n><letter>" replaced by the value under
     // that key: HTML (h) as its words (HtmlText::toPlain), a size (c) from

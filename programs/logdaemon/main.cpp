@@ -24,6 +24,8 @@
 #include <csignal>
 #include <cstdio>
 
+#include <malloc.h>
+
 using namespace Brevi;
 
 namespace {
@@ -151,6 +153,11 @@ int usage(QTextStream& err, const QString& text)
 
 int main(int argc, char** argv)
 {
+    // Every message is a document of small nodes made and freed at once. With
+    // glibc's fast bins on, each free that reaches the top of the heap sweeps
+    // them all (malloc_consolidate), which cost the daemon a fifth of its time
+    // per message; the per-thread cache serves these sizes as well without it.
+    mallopt(M_MXFAST, 0);
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(Program);
     QCommandLineParser parser;
