@@ -430,12 +430,8 @@ void pingMain()
 void run(benchmark::State& state, bool stream)
 {
     HubRun hub(home());
-    if (!hub.listening()) {
-        state.SkipWithError("the Hub did not start");
+    if (!hub.ready(state))
         return;
-    }
-    ::setenv("BREVI_HOME", home().toLocal8Bit().constData(), 1);
-    ::setenv("BREVI_HUB_PORT", QByteArray::number(hub.port).constData(), 1);
     PongProcess pong;
     current = Run{&state, hub.pid(), stream};
     if (!Context::run(pingMain, Context::TypeAttached, Context::FlagAttachOnce, "benchping"))

@@ -152,12 +152,8 @@ void senderMain()
 void logMessages(benchmark::State& state, Daemon daemon)
 {
     HubRun hub(home());
-    if (!hub.listening()) {
-        state.SkipWithError("the Hub did not start");
+    if (!hub.ready(state))
         return;
-    }
-    ::setenv("BREVI_HOME", home().toLocal8Bit().constData(), 1);
-    ::setenv("BREVI_HUB_PORT", QByteArray::number(hub.port).constData(), 1);
     static int runs = 0;
     const QString store = home() + "/store-" + QString::number(++runs) + ".log";
     std::unique_ptr<Program> program;
@@ -196,12 +192,8 @@ void traceMain()
 void TraceToFile(benchmark::State& state)
 {
     HubRun hub(home());
-    if (!hub.listening()) {
-        state.SkipWithError("the Hub did not start");
+    if (!hub.ready(state))
         return;
-    }
-    ::setenv("BREVI_HOME", home().toLocal8Bit().constData(), 1);
-    ::setenv("BREVI_HUB_PORT", QByteArray::number(hub.port).constData(), 1);
     current = Run{&state, hub.pid(), -1, QString(), eRunning};
     if (!Context::run(traceMain, Context::TypeAttached, Context::FlagAttachOnce, "Bench Tracer"))
         state.SkipWithError("the process did not attach to the Hub");

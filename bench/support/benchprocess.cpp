@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -51,10 +52,22 @@ Program::~Program()
 void Program::signal(int number) const { ::kill(miPid, number); }
 
 HubRun::HubRun(const QString& home)
+    : msHome(home.isEmpty() ? moOwnHome.path() : home)
 {
     port = TCPSocketListen("Probe", NetAddress(QHostAddress::LocalHost, 0), 1).localAddress().getPort();
-    mpProgram.reset(new Program(HUB_PATH, {"--port", QString::number(port), "--node", "bench", "--machine-id", "0",
-                                           "--home", home.isEmpty() ? moHome.path() : home}));
+    mpProgram.reset(new Program(
+        HUB_PATH, {"--port", QString::number(port), "--node", "bench", "--machine-id", "0", "--home", msHome}));
+}
+
+bool HubRun::ready(benchmark::State& state) const
+{
+    if (!listening()) {
+        state.SkipWithError("the Hub did not start");
+        return false;
+    }
+    ::setenv("BREVI_HOME", msHome.toLocal8Bit().constData(), 1);
+    ::setenv("BREVI_HUB_PORT", QByteArray::number(port).constData(), 1);
+    return true;
 }
 
 bool HubRun::listening() const

@@ -42,12 +42,17 @@ public:
 
     // True once the Hub takes connections (within a few seconds).
     bool listening() const;
+    // Waits until it listens and points this process's library at it
+    // (BREVI_HOME, BREVI_HUB_PORT). False, with the benchmark skipped, when
+    // it does not come.
+    bool ready(benchmark::State& state) const;
     pid_t pid() const { return mpProgram->pid(); }
 
     unsigned port = 0;
 
 private:
-    QTemporaryDir moHome;
+    QTemporaryDir moOwnHome;
+    QString msHome;
     std::unique_ptr<Program> mpProgram;
 };
 
