@@ -84,9 +84,14 @@ MsgResult LogDaemon::handle(const Msg& message)
         take(message, name == LogDaemonWriteLog::Message);
         return eMsgResultHandled;
     }
-    if (name == HubMgrMonitorProcessNewPost::Message || name == HubMgrMonitorProcessChangePost::Message) {
+    if (name == HubMgrMonitorProcessNewPost::Message) {
         moTitles.insert(message.getUint32(HubMgrMonitorProcessNewPost::ProcessId),
                         message.getString(HubMgrMonitorProcessNewPost::Title));
+        return eMsgResultHandled;
+    }
+    if (name == HubMgrMonitorProcessChangePost::Message) {
+        moTitles.insert(message.getUint32(HubMgrMonitorProcessChangePost::ProcessId),
+                        message.getString(HubMgrMonitorProcessChangePost::Title));
         return eMsgResultHandled;
     }
     if (name == HubMgrMonitorProcessEndPost::Message) {
