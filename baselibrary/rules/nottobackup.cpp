@@ -271,6 +271,16 @@ XmlList gatherRules(const Config& ruleFile, const QString& name)
     return result;
 }
 
+// Where `path` stands, or would stand, in a list sorted by path.
+int find(const QList<Operation>& operations, const QStringRef& path, Qt::CaseSensitivity sensitivity)
+{
+    const auto place = std::lower_bound(operations.begin(), operations.end(), path,
+                                        [sensitivity](const Operation& operation, const QStringRef& p) {
+                                            return p.compare(operation.path(), sensitivity) > 0;
+                                        });
+    return int(place - operations.begin());
+}
+
 } // namespace
 
 NotToBackup::NotToBackup()
@@ -322,7 +332,7 @@ XmlList NotToBackup::otherDetails(const XmlList& other)
 
 void NotToBackup::details(const XmlList& list)
 {
-    moAll.clear();
+    moAll = Table();
     moVolumes.clear();
     moDelimiter = '/';
     mbCaseSensitive = true;
@@ -350,6 +360,15 @@ void NotToBackup::details(const XmlList& list)
         for (XmlListIterator entry = writers.listIterator(); !entry.isNull(); entry.next())
             if (entry.type() == XmlList::ValueList)
                 addEntry(entry, true);
+
+    const auto index = [](Table& table) {
+        for (int i = 0; i < table.operations.size(); ++i)
+            if (table.operations[i].isPattern())
+                table.patterns << i;
+    };
+    index(moAll);
+    for (Table& table : moVolumes)
+        index(table);
 }
 
 void NotToBackup::addEntry(const XmlListIterator& entry, bool writer)
@@ -395,19 +414,16 @@ void NotToBackup::addOperation(OpType op, Table& table, QStringList components, 
         pattern = false;
 
     const Qt::CaseSensitivity sensitivity = mbCaseSensitive ? Qt::CaseSensitive : Qt::CaseInsensitive;
-    const auto place =
-        std::lower_bound(table.begin(), table.end(), path, [sensitivity](const Operation& o, const QString& p) {
-            return QString::compare(o.path(), p, sensitivity) < 0;
-        });
-    Table::iterator operation = place;
-    if (place == table.end() || QString::compare(place->path(), path, sensitivity) != 0) {
+    QList<Operation>& operations = table.operations;
+    const int place = find(operations, QStringRef(&path), sensitivity);
+    if (place == operations.size() || QString::compare(operations[place].path(), path, sensitivity) != 0) {
         BTRACE(TraceVerbose) << (pattern ? "Insert new profile" : "Insert new path") << path;
-        operation = table.insert(place, Operation(components, moDelimiter, sensitivity, pattern));
+        operations.insert(place, Operation(components, moDelimiter, sensitivity, pattern));
     }
     if (directory)
-        operation->addDirectoryRule(op, recursive);
+        operations[place].addDirectoryRule(op, recursive);
     else
-        operation->addFileRule(op, recursive, fileName);
+        operations[place].addFileRule(op, recursive, fileName);
 }
 
 QString NotToBackup::cleanDirectory(const QString& directory) const
@@ -464,20 +480,27 @@ QString NotToBackup::volumeKey(const QString& volume) const
     return mbCaseSensitive ? key : key.toLower();
 }
 
-OpType NotToBackup::walkDirectory(const Table& table, const QString& directory, OpType result) const
+template <typename Apply>
+OpType NotToBackup::walk(const Table& table, const QString& directory, OpType result, const Apply& apply) const
 {
-    for (const Operation& operation : table) {
-        result = operation.directoryOpType(directory, result);
-        if (result == eLiveOnly)
-            break;
+    // A plain Operation applies when its path is the directory or one above
+    // it: look each of those up rather than trying every Operation.
+    const Qt::CaseSensitivity sensitivity = mbCaseSensitive ? Qt::CaseSensitive : Qt::CaseInsensitive;
+    const QList<Operation>& operations = table.operations;
+    for (int end = 0; end >= 0 && end <= directory.size();) {
+        const QStringRef above = directory.leftRef(end);
+        const int found = find(operations, above, sensitivity);
+        if (found < operations.size() && !operations[found].isPattern() &&
+            above.compare(operations[found].path(), sensitivity) == 0) {
+            result = apply(operations[found], result);
+            if (result == eLiveOnly)
+                return result;
+        }
+        const int next = directory.indexOf(moDelimiter, end);
+        end = next < 0 ? -1 : next + 1;
     }
-    return result;
-}
-
-OpType NotToBackup::walkFile(const Table& table, const QString& directory, const QString& name, OpType result) const
-{
-    for (const Operation& operation : table) {
-        result = operation.fileOpType(directory, name, result);
+    for (int i : table.patterns) {
+        result = apply(operations[i], result);
         if (result == eLiveOnly)
             break;
     }
@@ -490,7 +513,10 @@ OpType NotToBackup::directoryOpType(const QString& path) const
     QString directory;
     if (!splitPath(path, volume, directory))
         return eNothing;
-    OpType result = walkDirectory(moAll, directory, eNothing);
+    const auto rules = [&directory](const Operation& operation, OpType result) {
+        return operation.directoryOpType(directory, result);
+    };
+    OpType result = walk(moAll, directory, eNothing, rules);
     if (result == eLiveOnly || moVolumes.isEmpty())
         return result;
     const QString key = volumeKey(volume);
@@ -500,7 +526,7 @@ OpType NotToBackup::directoryOpType(const QString& path) const
         BTRACE(TraceDebug) << "Volume" << key << "not found";
         return result;
     }
-    return walkDirectory(*table, directory, result);
+    return walk(*table, directory, result, rules);
 }
 
 OpType NotToBackup::directoryOpType(const QString& volume, const QString& directory) const
@@ -539,17 +565,20 @@ OpType NotToBackup::fileOpType(const QString& volume, const QString& directory, 
     if (name.isEmpty())
         return eNothing;
     const QString clean = cleanDirectory(directory);
-    OpType result = walkFile(moAll, clean, name, eNothing);
+    const auto rules = [&clean, &name](const Operation& operation, OpType result) {
+        return operation.fileOpType(clean, name, result);
+    };
+    OpType result = walk(moAll, clean, eNothing, rules);
     if (result == eLiveOnly || moVolumes.isEmpty())
         return result;
     const auto table = moVolumes.constFind(volumeKey(volume));
-    return table == moVolumes.constEnd() ? result : walkFile(*table, clean, name, result);
+    return table == moVolumes.constEnd() ? result : walk(*table, clean, result, rules);
 }
 
 void NotToBackup::gather(Expressions& out, const Table& table, const QString& directory) const
 {
     const Qt::CaseSensitivity sensitivity = mbCaseSensitive ? Qt::CaseSensitive : Qt::CaseInsensitive;
-    for (const Operation& operation : table) {
+    for (const Operation& operation : table.operations) {
         bool below = false;
         if (!operation.matches(directory, below)) {
             if (!operation.isPattern() && operation.path().startsWith(directory, sensitivity))
@@ -583,13 +612,13 @@ bool NotToBackup::expressions(Expressions& out, const QStringList& path) const
 
 void NotToBackup::display() const
 {
-    BTRACE(TraceNormal) << "Start All Volumes" << moAll.size();
-    for (const Operation& operation : moAll)
+    BTRACE(TraceNormal) << "Start All Volumes" << moAll.operations.size();
+    for (const Operation& operation : moAll.operations)
         operation.display();
     BTRACE(TraceNormal) << "End All Volumes";
     for (auto volume = moVolumes.constBegin(); volume != moVolumes.constEnd(); ++volume) {
-        BTRACE(TraceNormal) << "Start Volume" << volume.key() << volume->size();
-        for (const Operation& operation : *volume)
+        BTRACE(TraceNormal) << "Start Volume" << volume.key() << volume->operations.size();
+        for (const Operation& operation : volume->operations)
             operation.display();
         BTRACE(TraceNormal) << "End Volume";
     }

@@ -11,6 +11,7 @@
 #include <QList>
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 namespace Brevi {
 
@@ -143,15 +144,21 @@ public:
     void display() const;
 
 private:
-    typedef QList<Operation> Table;
+    // The Operations of all volumes or of one, sorted by path, and where
+    // the pattern Operations stand among them: a lookup finds the plain ones
+    // by the paths above the directory, and tries each pattern.
+    struct Table {
+        QList<Operation> operations;
+        QVector<int> patterns;
+    };
 
     void addOperation(OpType op, Table& table, QStringList components, bool recursive, bool pattern, bool directory);
     void addEntry(const XmlListIterator& entry, bool writer);
     bool splitPath(const QString& path, QString& volume, QString& directory) const;
     QString cleanDirectory(const QString& directory) const;
     QString volumeKey(const QString& volume) const;
-    OpType walkDirectory(const Table& table, const QString& directory, OpType result) const;
-    OpType walkFile(const Table& table, const QString& directory, const QString& name, OpType result) const;
+    template <typename Apply>
+    OpType walk(const Table& table, const QString& directory, OpType result, const Apply& apply) const;
     void gather(Expressions& out, const Table& table, const QString& directory) const;
 
     Table moAll;

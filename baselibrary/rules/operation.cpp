@@ -56,12 +56,20 @@ Operation::Operation(const QStringList& components, QChar delimiter, Qt::CaseSen
     const QString delimiterExpression = QRegExp::escape(QString(delimiter));
     QString expression = QStringLiteral("^");
     bool fixed = true;
+    QString run;
     for (const QString& component : components) {
         expression += componentExpression(component) + delimiterExpression;
-        if (fixed && component.contains('*'))
-            fixed = false;
+        const bool wild = component.contains('*');
+        fixed = fixed && !wild;
         if (fixed)
             msFixedStart += component + delimiter;
+        // Components after a star stand in the text between two delimiters.
+        if (wild)
+            run = delimiter;
+        else if (!fixed && !run.isEmpty())
+            run += component + delimiter;
+        if (run.size() > msInnerRun.size() + 1 && !wild)
+            msInnerRun = run;
     }
     // Minimal, so that a match ends as early as it can and the rest of the
     // text counts as below the rule.
@@ -103,7 +111,8 @@ bool Operation::matches(const QString& directory, bool& below) const
         below = directory.size() > msPath.size();
         return true;
     }
-    if (!directory.startsWith(msFixedStart, meCase))
+    if (!directory.startsWith(msFixedStart, meCase) ||
+        (!msInnerRun.isEmpty() && directory.indexOf(msInnerRun, msFixedStart.size(), meCase) < 0))
         return false;
     const QRegularExpressionMatch match = moRegExp.match(directory);
     if (!match.hasMatch())

@@ -83,6 +83,9 @@ private:
     // The plain start every match of a pattern shares, tested before the
     // regular expression runs.
     QString msFixedStart;
+    // The longest run of plain components after a star, with its delimiters,
+    // which every match holds further on.
+    QString msInnerRun;
     QRegularExpression moRegExp;
     QList<ExpressionPtr> moFileRules;
     ExpressionPtr mptDirectory;
