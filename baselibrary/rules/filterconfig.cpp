@@ -9,6 +9,7 @@
 #include <QTextStream>
 
 #include <cstdio>
+#include <initializer_list>
 
 #include <unistd.h>
 
@@ -51,14 +52,31 @@ QString valueOf(const QByteArray& line, int keyLength)
     return QString::fromUtf8(value);
 }
 
-// Notes `line` in `stored`, telling what changes.
-void note(QString& stored, const QString& line, const char* what)
+// One given word and the line it stands for.
+struct Mapping {
+    const char* given;
+    const char* line;
+};
+
+// Notes in `stored` the line the map gives for `text` (any case), telling
+// what changes; tells `unknown` and refuses a text the map does not have.
+bool note(QString& stored, const QString& text, std::initializer_list<Mapping> map, const char* what,
+          const char* unknown)
 {
+    QString line;
+    for (const Mapping& mapping : map)
+        if (text.compare(QLatin1String(mapping.given), Qt::CaseInsensitive) == 0)
+            line = QLatin1String(mapping.line);
+    if (line.isEmpty()) {
+        tell(QLatin1String(unknown) + text);
+        return false;
+    }
     if (stored.isEmpty())
         tell(QStringLiteral("Setting filter %1 to %2").arg(QLatin1String(what), line));
     else if (stored != line)
         tell(QStringLiteral("Changing filter %1 from %2 to %3").arg(QLatin1String(what), stored, line));
     stored = line;
+    return true;
 }
 
 } // namespace
@@ -117,36 +135,23 @@ bool FilterConfig::setTraceDirectory(const QString& path)
 
 bool FilterConfig::setTraceLevel(const QString& level)
 {
-    QString line;
-    for (const char* normal : {"TraceAlways", "TraceTesting", "TraceNormal"})
-        if (level.compare(QLatin1String(normal), Qt::CaseInsensitive) == 0)
-            line = QLatin1String(DebugLevelKey) + QLatin1String("NORMAL");
-    for (const char* inform : {"TraceVerbose", "TraceDebug"})
-        if (level.compare(QLatin1String(inform), Qt::CaseInsensitive) == 0)
-            line = QLatin1String(DebugLevelKey) + QLatin1String("INFORM");
-    if (line.isEmpty()) {
-        tell(QStringLiteral("Unknown trace level: ") + level);
-        return false;
-    }
-    note(msDebugLevel, line, "trace level");
-    return true;
+    return note(msDebugLevel, level,
+                {{"TraceAlways", "DebugLevel=NORMAL"},
+                 {"TraceTesting", "DebugLevel=NORMAL"},
+                 {"TraceNormal", "DebugLevel=NORMAL"},
+                 {"TraceVerbose", "DebugLevel=INFORM"},
+                 {"TraceDebug", "DebugLevel=INFORM"}},
+                "trace level", "Unknown trace level: ");
 }
 
 bool FilterConfig::setTraceToFile(const QString& value)
 {
-    QString line;
-    for (const char* yes : {"True", "Yes"})
-        if (value.compare(QLatin1String(yes), Qt::CaseInsensitive) == 0)
-            line = QLatin1String(DebugToFileKey) + QLatin1String("TRUE");
-    for (const char* no : {"False", "No"})
-        if (value.compare(QLatin1String(no), Qt::CaseInsensitive) == 0)
-            line = QLatin1String(DebugToFileKey) + QLatin1String("FALSE");
-    if (line.isEmpty()) {
-        tell(QStringLiteral("Unknown filter trace_to_file value: ") + value);
-        return false;
-    }
-    note(msDebugToFile, line, "trace_to_file");
-    return true;
+    return note(msDebugToFile, value,
+                {{"True", "DebugToFile=TRUE"},
+                 {"Yes", "DebugToFile=TRUE"},
+                 {"False", "DebugToFile=FALSE"},
+                 {"No", "DebugToFile=FALSE"}},
+                "trace_to_file", "Unknown filter trace_to_file value: ");
 }
 
 bool FilterConfig::save()

@@ -9,8 +9,14 @@
 
 #include <QDir>
 #include <QFile>
+#include <QTemporaryFile>
 
 #include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+
+#include <unistd.h>
 
 using namespace Brevi;
 using BreviTest::TestHome;
@@ -47,6 +53,22 @@ const QByteArray Control = "# driver settings\r\n"
                            "RulesFile=/etc/zorbeck/rules\r\n"
                            "DebugToFile=FALSE";
 
+// What `action` writes to the standard error stream.
+QString stderrOf(const std::function<void()>& action)
+{
+    QTemporaryFile capture;
+    capture.open();
+    std::fflush(stderr);
+    const int saved = dup(2);
+    dup2(capture.handle(), 2);
+    action();
+    std::fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    capture.seek(0);
+    return QString::fromUtf8(capture.readAll());
+}
+
 } // namespace
 
 TEST_F(FilterConfigTest, FoundThroughTheDriversSettingsAndReadOnly)
@@ -79,9 +101,18 @@ TEST_F(FilterConfigTest, SaveRewritesTheThreeSettingsAndKeepsEveryOtherByte)
     ASSERT_TRUE(config.save());
     EXPECT_EQ(read(), Control) << "nothing noted, nothing changed";
 
-    EXPECT_TRUE(config.setTraceLevel("tracedebug"));
-    EXPECT_FALSE(config.setTraceToFile("sometimes"));
-    EXPECT_FALSE(config.setTraceLevel("loud"));
+    const QString told = stderrOf([&] {
+        EXPECT_TRUE(config.setTraceLevel("tracedebug"));
+        EXPECT_TRUE(config.setTraceLevel("TraceNormal"));
+        EXPECT_TRUE(config.setTraceLevel("TraceVerbose"));
+        EXPECT_FALSE(config.setTraceToFile("sometimes"));
+        EXPECT_FALSE(config.setTraceLevel("loud"));
+    });
+    EXPECT_EQ(told, "Setting filter trace level to DebugLevel=INFORM\n"
+                    "Changing filter trace level from DebugLevel=INFORM to DebugLevel=NORMAL\n"
+                    "Changing filter trace level from DebugLevel=NORMAL to DebugLevel=INFORM\n"
+                    "Unknown filter trace_to_file value: sometimes\n"
+                    "Unknown trace level: loud\n");
     EXPECT_FALSE(config.setTraceDirectory(""));
     EXPECT_TRUE(config.setTraceDirectory("/var/log/zorbeck/debug"));
     ASSERT_TRUE(config.save());
