@@ -202,6 +202,45 @@ unsigned SystemInfo::linuxVersion(const QString& release)
     return (std::min(parts[0], 255u) << 16) + (std::min(parts[1], 255u) << 8) + std::min(parts[2], 255u);
 }
 
+SystemInfo::WindowsRecord SystemInfo::windowsVersion(unsigned platformId, unsigned major, unsigned minor,
+                                                     unsigned productType)
+{
+    const bool workstation = productType == 1;
+    WindowsRecord record;
+    auto set = [&record](WindowsVersion version, WindowsEdition edition) {
+        record.version = version;
+        record.firstEdition = edition;
+        return record;
+    };
+    if (platformId == 2) {
+        // The NT family: 6.1 on a server is still "2008", like 6.0 on a server.
+        if (major == 6 && (minor == 0 || minor == 1) && !workstation)
+            return set(240, 8);
+        if (major == 6 && minor == 1)
+            return set(256, 5);
+        if (major == 6 && minor == 0)
+            return set(128, 5);
+        if (major == 5 && minor == 2)
+            return workstation ? set(48, 6) : set(64, 8);
+        if (major == 5 && minor == 1)
+            return set(48, 5);
+        if (major == 5 && minor == 0)
+            return set(32, 0);
+        if (major == 4)
+            return set(16, 2);
+    } else if (platformId == 1 && major == 4) {
+        if (minor == 0)
+            return set(2, 0);
+        if (minor == 10)
+            return set(3, 0);
+        if (minor == 90)
+            return set(4, 0);
+    } else if (platformId == 0) {
+        return set(1, 0);
+    }
+    return record;
+}
+
 void SystemInfo::setForTesting(unsigned osType, WindowsVersion version)
 {
     detected();

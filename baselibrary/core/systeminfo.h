@@ -59,6 +59,17 @@ public:
     // start with a number.
     static unsigned linuxVersion(const QString& release);
 
+    // What a Windows version record stands for: the version number and the
+    // first edition, decided by the record's platform id, major and minor
+    // version and product type (1 a workstation). A record of a system this
+    // table does not know gives version 0 and edition 0. Used when this
+    // machine's details are compared with a Windows machine's record.
+    struct WindowsRecord {
+        WindowsVersion version = 0;
+        WindowsEdition firstEdition = 0;
+    };
+    static WindowsRecord windowsVersion(unsigned platformId, unsigned major, unsigned minor, unsigned productType);
+
     // Makes this process report another type and version from now on, so that
     // a test can take the paths another system takes. Not for use while other
     // threads read them.

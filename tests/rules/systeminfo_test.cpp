@@ -52,3 +52,21 @@ TEST(SystemInfo, ThisMachineIsLinuxWithItsKernelAndDistribution)
     EXPECT_EQ(SystemInfo::linuxVersion("4.19"), 0x041300u);
     EXPECT_EQ(SystemInfo::linuxVersion("unknown"), 0u);
 }
+
+TEST(SystemInfo, AWindowsVersionRecordGivesItsVersionAndFirstEdition)
+{
+    struct Row {
+        unsigned platform, major, minor, product, version, edition;
+    };
+    const std::vector<Row> rows = {
+        {2, 6, 0, 3, 240, 8}, {2, 6, 1, 2, 240, 8}, {2, 6, 1, 1, 256, 5}, {2, 6, 0, 1, 128, 5}, {2, 5, 2, 1, 48, 6},
+        {2, 5, 2, 3, 64, 8},  {2, 5, 1, 3, 48, 5},  {2, 5, 0, 1, 32, 0},  {2, 4, 7, 1, 16, 2},  {1, 4, 0, 0, 2, 0},
+        {1, 4, 10, 0, 3, 0},  {1, 4, 90, 0, 4, 0},  {0, 3, 1, 0, 1, 0},   {2, 6, 2, 1, 0, 0},   {2, 3, 51, 1, 0, 0},
+        {1, 4, 50, 0, 0, 0},  {3, 6, 1, 1, 0, 0}};
+    for (const Row& row : rows) {
+        const SystemInfo::WindowsRecord record =
+            SystemInfo::windowsVersion(row.platform, row.major, row.minor, row.product);
+        EXPECT_EQ(record.version, row.version) << row.platform << " " << row.major << "." << row.minor;
+        EXPECT_EQ(record.firstEdition, row.edition) << row.platform << " " << row.major << "." << row.minor;
+    }
+}
