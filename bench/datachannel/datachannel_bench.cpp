@@ -11,7 +11,8 @@
 //
 //   build-*/bench/datachannel/datachannel_bench
 
-#include "hubpeers.h"
+#include "benchpeers.h"
+#include "benchprocess.h"
 
 #include "core/context.h"
 #include "core/extent.h"
@@ -25,7 +26,7 @@
 #include <boost/make_shared.hpp>
 
 using namespace Brevi;
-using namespace HubPeers;
+using namespace BreviBench;
 
 namespace {
 
@@ -51,43 +52,17 @@ unsigned long long statusKiB(pid_t pid, const char* field)
 
 // This program started again as a sender (see main), so that the sender's
 // memory is its own and not what it would share with this process after a
-// fork; killed when the case is over.
-class Sender
-{
-public:
-    explicit Sender(const QStringList& arguments)
-    {
-        QList<QByteArray> texts{"/proc/self/exe"};
-        for (const QString& argument : arguments)
-            texts.append(argument.toLocal8Bit());
-        std::vector<char*> argv;
-        for (QByteArray& text : texts)
-            argv.push_back(text.data());
-        argv.push_back(nullptr);
-        miPid = ::fork();
-        if (miPid == 0) {
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-    }
-    ~Sender()
-    {
-        ::kill(miPid, SIGKILL);
-        ::waitpid(miPid, nullptr, 0);
-    }
-    pid_t pid() const { return miPid; }
+// fork.
+Program startSender(const QStringList& arguments) { return Program(QStringLiteral("/proc/self/exe"), arguments); }
 
-private:
-    pid_t miPid = -1;
-};
-
-void report(benchmark::State& state, unsigned long long bytes, const MiddleCpu& middle, const MiddleCpu& sender)
+void report(benchmark::State& state, unsigned long long bytes, const ProcessCpu& middle, const ProcessCpu& sender)
 {
     state.SetBytesProcessed(int64_t(bytes));
     if (!bytes)
         return;
-    state.counters["middle_s_per_GiB"] = middle.seconds() / (double(bytes) / GiB);
-    state.counters["sender_s_per_GiB"] = sender.seconds() / (double(bytes) / GiB);
+    // Microseconds in all, per GiB in seconds.
+    state.counters["middle_s_per_GiB"] = middle.perItem(1) / 1e6 / (double(bytes) / GiB);
+    state.counters["sender_s_per_GiB"] = sender.perItem(1) / 1e6 / (double(bytes) / GiB);
 }
 
 // --- The channel through the Hub --------------------------------------------
@@ -157,8 +132,8 @@ void receiveMain()
     XmlList body;
     body.set("Details", channel.receiveDetails());
     offer.reply(Accept, body, eMsgDoNotCompress, true);
-    const MiddleCpu middle(current.hub);
-    const MiddleCpu sending(current.sender);
+    const ProcessCpu middle(current.hub);
+    const ProcessCpu sending(current.sender);
     unsigned long long total = 0;
     for (auto _ : state) {
         for (unsigned long long got = 0; got < Batch;) {
@@ -179,13 +154,10 @@ void receiveMain()
 void run(benchmark::State& state)
 {
     HubRun hub(home());
-    if (!hub.listening()) {
-        state.SkipWithError("the Hub did not start");
+    if (!hub.ready(state))
         return;
-    }
-    ::setenv("BREVI_HOME", home().toLocal8Bit().constData(), 1);
-    ::setenv("BREVI_HUB_PORT", QByteArray::number(hub.port).constData(), 1);
-    Sender sending({"--send-channel", QString::number(state.range(0)), QString::number(state.range(1))});
+    const Program sending =
+        startSender({"--send-channel", QString::number(state.range(0)), QString::number(state.range(1))});
     current = Run{&state, hub.pid(), sending.pid()};
     if (!Context::run(receiveMain, Context::TypeAttached, Context::FlagAttachOnce, "dcbenchreceiver", ReceiverName))
         state.SkipWithError("no attached context: the library did not attach to the Hub");
@@ -223,9 +195,9 @@ void Relay(benchmark::State& state)
         state.SkipWithError("the relay did not take this end");
         return;
     }
-    Sender sending({"--send-relay", QString::number(relay.port), QString::number(state.range(0))});
-    const MiddleCpu middle(relay.pid());
-    const MiddleCpu sender(sending.pid());
+    const Program sending = startSender({"--send-relay", QString::number(relay.port), QString::number(state.range(0))});
+    const ProcessCpu middle(relay.pid());
+    const ProcessCpu sender(sending.pid());
     unsigned long long total = 0;
     for (auto _ : state) {
         for (unsigned long long got = 0; got < Batch;) {
@@ -263,14 +235,15 @@ void Zmq(benchmark::State& state)
         state.SkipWithError("the ZeroMQ proxy did not start");
         return;
     }
-    Sender sending({"--send-zmq", QString::fromLatin1(broker.frontend), QString::number(state.range(0))});
+    const Program sending =
+        startSender({"--send-zmq", QString::fromLatin1(broker.frontend), QString::number(state.range(0))});
     void* context = zmq_ctx_new();
     void* pull = zmq_socket(context, ZMQ_PULL);
     zmq_setsockopt(pull, ZMQ_RCVTIMEO, &WaitMs, sizeof(WaitMs));
     zmq_connect(pull, broker.backend.constData());
     std::vector<char> buffer(size_t(state.range(0)));
-    const MiddleCpu middle(broker.pid());
-    const MiddleCpu sender(sending.pid());
+    const ProcessCpu middle(broker.pid());
+    const ProcessCpu sender(sending.pid());
     unsigned long long total = 0;
     for (auto _ : state) {
         for (unsigned long long got = 0; got < Batch;) {

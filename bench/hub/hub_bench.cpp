@@ -14,8 +14,6 @@
 // item, which a loaded machine changes far less than the rates.
 //
 //   build-*/bench/hub/hub_bench
-#include "hubpeers.h"
-
 #include "core/context.h"
 #include "messaging/binaryaddress.h"
 #include "messaging/ipcpacketlayout.h"
@@ -28,6 +26,9 @@
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
 #include "sockets/tcpsocketselect.h"
+
+#include "benchpeers.h"
+#include "benchprocess.h"
 
 #include <QByteArray>
 #include <QTemporaryDir>
@@ -54,10 +55,9 @@
 
 using namespace Brevi;
 using namespace Brevi::Catalogue;
+using namespace BreviBench;
 
 namespace {
-
-using namespace HubPeers;
 
 const int Batch = 64;
 const int Ahead = 16;
@@ -69,10 +69,29 @@ XmlList smallBody()
     return body;
 }
 
+// Attaches and enables an end on the Hub; its flat address, empty on failure.
+QByteArray attach(const HubRun& hub, End& end, const QString& title)
+{
+    XmlList body;
+    body.set(HubMgrAttachRequest::Title, title);
+    body.set(HubMgrAttachRequest::Type, HubMgrAttachRequest::TypeAttached);
+    for (int tries = 0; tries < 200 && !end.connect(hub.port); ++tries)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (!end.send(message("3/1", QByteArray(), HubMgrAttachRequest::Message, body)))
+        return QByteArray();
+    const boost::shared_ptr<IpcPacket> reply = end.receive();
+    unsigned id = 0;
+    if (!reply || !static_cast<MsgPacket&>(*reply).xml().get(id, HubMgrAttachReply::ProcessId))
+        return QByteArray();
+    if (!end.send(message("3/1", QByteArray(), HubMgrConnectionEnableRequest::Message)) || !end.receive())
+        return QByteArray();
+    return "1/" + QByteArray::number(id) + "/bench@0";
+}
+
 void roundTrips(benchmark::State& state, pid_t middle, End& a, End& b, const boost::shared_ptr<IpcPacket>& ping,
                 const boost::shared_ptr<IpcPacket>& pong)
 {
-    const MiddleCpu cpu(middle);
+    const ProcessCpu cpu(middle);
     for (auto _ : state) {
         if (!a.send(ping) || !b.receive() || !b.send(pong) || !a.receive()) {
             state.SkipWithError("a round trip failed");
@@ -80,12 +99,12 @@ void roundTrips(benchmark::State& state, pid_t middle, End& a, End& b, const boo
         }
     }
     state.SetItemsProcessed(state.iterations());
-    cpu.report(state, state.iterations());
+    cpu.report(state, "middle_us", state.iterations());
 }
 
 void stream(benchmark::State& state, pid_t middle, End& a, End& b, const boost::shared_ptr<IpcPacket>& packet)
 {
-    const MiddleCpu cpu(middle);
+    const ProcessCpu cpu(middle);
     for (auto _ : state) {
         // The receiver reads as the sender writes, so that neither side's
         // buffers fill and stall the other.
@@ -102,15 +121,15 @@ void stream(benchmark::State& state, pid_t middle, End& a, End& b, const boost::
         }
     }
     state.SetItemsProcessed(state.iterations() * Batch);
-    cpu.report(state, state.iterations() * Batch);
+    cpu.report(state, "middle_us", state.iterations() * Batch);
 }
 
 void HubRoundTrip(benchmark::State& state)
 {
     HubRun hub;
     End a, b;
-    const QByteArray addressA = hub.attach(a, "ping");
-    const QByteArray addressB = hub.attach(b, "pong");
+    const QByteArray addressA = attach(hub, a, "ping");
+    const QByteArray addressB = attach(hub, b, "pong");
     if (addressA.isEmpty() || addressB.isEmpty()) {
         state.SkipWithError("the Hub did not attach the ends");
         return;
@@ -137,8 +156,8 @@ void HubStream(benchmark::State& state)
 {
     HubRun hub;
     End a, b;
-    const QByteArray addressA = hub.attach(a, "ping");
-    const QByteArray addressB = hub.attach(b, "pong");
+    const QByteArray addressA = attach(hub, a, "ping");
+    const QByteArray addressB = attach(hub, b, "pong");
     if (addressA.isEmpty() || addressB.isEmpty()) {
         state.SkipWithError("the Hub did not attach the ends");
         return;
@@ -243,7 +262,7 @@ bool reachable(const MsgAddress& pong)
 
 void roundTrips(benchmark::State& state, const MsgAddress& pong)
 {
-    const MiddleCpu cpu(current.middle);
+    const ProcessCpu cpu(current.middle);
     for (auto _ : state) {
         if (!Msg(pong, Ping, smallBody()).send() || !Msg::wait(Pong, 5)) {
             state.SkipWithError("a round trip failed");
@@ -251,13 +270,13 @@ void roundTrips(benchmark::State& state, const MsgAddress& pong)
         }
     }
     state.SetItemsProcessed(state.iterations());
-    cpu.report(state, state.iterations());
+    cpu.report(state, "middle_us", state.iterations());
 }
 
 void stream(benchmark::State& state, const MsgAddress& pong)
 {
     XmlList body = smallBody();
-    const MiddleCpu cpu(current.middle);
+    const ProcessCpu cpu(current.middle);
     for (auto _ : state) {
         int sent = 0;
         int acknowledged = 0;
@@ -277,7 +296,7 @@ void stream(benchmark::State& state, const MsgAddress& pong)
         }
     }
     state.SetItemsProcessed(state.iterations() * Batch);
-    cpu.report(state, state.iterations() * Batch);
+    cpu.report(state, "middle_us", state.iterations() * Batch);
 }
 
 void pingMain()
@@ -298,12 +317,8 @@ void pingMain()
 void run(benchmark::State& state, bool stream)
 {
     HubRun hub(home());
-    if (!hub.listening()) {
-        state.SkipWithError("the Hub did not start");
+    if (!hub.ready(state))
         return;
-    }
-    ::setenv("BREVI_HOME", home().toLocal8Bit().constData(), 1);
-    ::setenv("BREVI_HUB_PORT", QByteArray::number(hub.port).constData(), 1);
     PongProcess pong;
     current = Run{&state, hub.pid(), stream};
     if (!Context::run(pingMain, Context::TypeAttached, Context::FlagAttachOnce, "benchping"))
@@ -316,7 +331,6 @@ void LibraryRoundTrip(benchmark::State& state) { Library::run(state, false); }
 void LibraryStream(benchmark::State& state) { Library::run(state, true); }
 
 #ifdef HUB_BENCH_ZMQ
-
 // This process's two ends on the broker, with bounded waits; the context
 // goes with them.
 class ZmqEnds
@@ -398,7 +412,7 @@ void ZmqRoundTrip(benchmark::State& state)
         state.SkipWithError("the ZeroMQ ends did not connect");
         return;
     }
-    const MiddleCpu cpu(broker.pid());
+    const ProcessCpu cpu(broker.pid());
     for (auto _ : state) {
         if (!ends.send(ends.front(), ping) || !ends.receive(ends.back(), ping.size()) ||
             !ends.send(ends.back(), pong) || !ends.receive(ends.front(), pong.size())) {
@@ -407,7 +421,7 @@ void ZmqRoundTrip(benchmark::State& state)
         }
     }
     state.SetItemsProcessed(state.iterations());
-    cpu.report(state, state.iterations());
+    cpu.report(state, "middle_us", state.iterations());
 }
 
 void ZmqStream(benchmark::State& state)
@@ -424,7 +438,7 @@ void ZmqStream(benchmark::State& state)
         state.SkipWithError("the ZeroMQ ends did not connect");
         return;
     }
-    const MiddleCpu cpu(broker.pid());
+    const ProcessCpu cpu(broker.pid());
     for (auto _ : state) {
         int sent = 0;
         int received = 0;
@@ -439,7 +453,7 @@ void ZmqStream(benchmark::State& state)
         }
     }
     state.SetItemsProcessed(state.iterations() * Batch);
-    cpu.report(state, state.iterations() * Batch);
+    cpu.report(state, "middle_us", state.iterations() * Batch);
 }
 #endif
 

@@ -1,33 +1,28 @@
-#ifndef BENCH_HUB_HUBPEERS_H
-#define BENCH_HUB_HUBPEERS_H
+#ifndef BENCH_SUPPORT_BENCHPEERS_H
+#define BENCH_SUPPORT_BENCHPEERS_H
 
-// The processes a benchmark of the Hub's path measures against, shared by the
-// benchmarks of what goes through the Hub: the real Hub on a free port, a
-// relay process that only copies bytes between two connections, a ZeroMQ
-// proxy process, the raw ends that speak to them, and the CPU time of the
-// process in the middle.
+// What a benchmark of the Hub's path measures against, for the benchmarks of
+// what goes through the Hub: the raw end of a link (a socket with the two
+// packet machines), a relay process that only copies bytes between two
+// connections, and a ZeroMQ proxy process (where the including benchmark
+// defines HUB_BENCH_ZMQ and links libzmq).
 
 #include "messaging/binaryaddress.h"
 #include "messaging/ipcpacketlayout.h"
 #include "messaging/ipcpacketreceive.h"
 #include "messaging/ipcpacketsend.h"
-#include "messaging/msgcatalogue.h"
 #include "messaging/msgpacket.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
 #include "sockets/tcpsocketselect.h"
 
 #include <QByteArray>
-#include <QTemporaryDir>
-
-#include <benchmark/benchmark.h>
+#include <QList>
 
 #include <boost/make_shared.hpp>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <thread>
 #include <vector>
 
 #ifdef HUB_BENCH_ZMQ
@@ -37,13 +32,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
-namespace HubPeers {
+namespace BreviBench {
 
 using namespace Brevi;
-using namespace Brevi::Catalogue;
 
 // Every wait of an end, in milliseconds.
 const int WaitMs = 5000;
@@ -105,71 +98,6 @@ inline boost::shared_ptr<IpcPacket> message(const QByteArray& destination, const
                                          QByteArray(), name, QString(), body, 0, false);
 }
 
-// The real Hub, in a home of its own (or the one given), on a port that was
-// free.
-class HubRun
-{
-public:
-    explicit HubRun(const QString& givenHome = QString())
-    {
-        port = TCPSocketListen("Probe", NetAddress(QHostAddress::LocalHost, 0), 1).localAddress().getPort();
-        const QByteArray program = HUB_PATH;
-        const QByteArray portText = QByteArray::number(port);
-        const QByteArray home = (givenHome.isEmpty() ? moHome.path() : givenHome).toLocal8Bit();
-        const char* argv[] = {
-            program.constData(), "--port", portText.constData(), "--node", "bench", "--machine-id", "0", "--home",
-            home.constData(),    nullptr};
-        miPid = ::fork();
-        if (miPid == 0) {
-            ::execv(argv[0], const_cast<char**>(argv));
-            ::_exit(127);
-        }
-    }
-    ~HubRun()
-    {
-        ::kill(miPid, SIGTERM);
-        ::waitpid(miPid, nullptr, 0);
-    }
-
-    // True once the Hub takes connections (within a few seconds).
-    bool listening() const
-    {
-        for (int tries = 0; tries < 250; ++tries) {
-            TCPSocketData probe("Probe", NetAddress(QHostAddress::LocalHost, port));
-            if (probe.isValid() && probe.complete(200))
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
-
-    // Attaches and enables an end; its flat address, empty on failure.
-    QByteArray attach(End& end, const QString& title)
-    {
-        XmlList body;
-        body.set(HubMgrAttachRequest::Title, title);
-        body.set(HubMgrAttachRequest::Type, HubMgrAttachRequest::TypeAttached);
-        for (int tries = 0; tries < 200 && !end.connect(port); ++tries)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        if (!end.send(message("3/1", QByteArray(), HubMgrAttachRequest::Message, body)))
-            return QByteArray();
-        const boost::shared_ptr<IpcPacket> reply = end.receive();
-        unsigned id = 0;
-        if (!reply || !static_cast<MsgPacket&>(*reply).xml().get(id, HubMgrAttachReply::ProcessId))
-            return QByteArray();
-        if (!end.send(message("3/1", QByteArray(), HubMgrConnectionEnableRequest::Message)) || !end.receive())
-            return QByteArray();
-        return "1/" + QByteArray::number(id) + "/bench@0";
-    }
-
-    unsigned port = 0;
-    pid_t pid() const { return miPid; }
-
-private:
-    QTemporaryDir moHome;
-    pid_t miPid = -1;
-};
-
 // The lower bound: a process that copies bytes between its two connections.
 class RelayRun
 {
@@ -223,42 +151,6 @@ private:
         }
     }
     pid_t miPid = -1;
-};
-
-// The CPU time that the process in the middle spends per item, all its
-// threads counted, as the counter "middle_us": unlike the rate, it hardly
-// moves when other work shares the machine.
-class MiddleCpu
-{
-public:
-    explicit MiddleCpu(pid_t pid)
-    {
-        if (::clock_getcpuclockid(pid, &moClock) == 0)
-            miStart = now();
-    }
-    // CPU seconds since construction.
-    double seconds() const
-    {
-        const long long end = now();
-        return miStart >= 0 && end >= miStart ? double(end - miStart) / 1e9 : 0;
-    }
-    void report(benchmark::State& state, int64_t items) const
-    {
-        const long long end = now();
-        if (miStart >= 0 && end >= miStart && items > 0)
-            state.counters["middle_us"] = double(end - miStart) / 1000.0 / double(items);
-    }
-
-private:
-    long long now() const
-    {
-        timespec time;
-        if (::clock_gettime(moClock, &time) != 0)
-            return -1;
-        return (long long)(time.tv_sec) * 1000000000LL + time.tv_nsec;
-    }
-    clockid_t moClock = 0;
-    long long miStart = -1;
 };
 
 #ifdef HUB_BENCH_ZMQ
@@ -328,8 +220,9 @@ private:
 
     pid_t miPid = -1;
 };
+
 #endif
 
-} // namespace HubPeers
+} // namespace BreviBench
 
 #endif
