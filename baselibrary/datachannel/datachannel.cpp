@@ -208,6 +208,26 @@ boost::shared_ptr<DatachannelImpl> buildReceiver(Setup& setup)
     }
 }
 
+// The setup of an IPC channel with a peer known without details: unwindowed,
+// buffers of the machine's default size.
+bool knownPeer(const boost::shared_ptr<MsgCondition>& condition, const MsgAddress& peer,
+               const Authorization& authorization, Compression compression, Setup& setup)
+{
+    if (!attached())
+        return false;
+    if (!peer) {
+        BTRACE(TraceAlways) << "Invalid peer address supplied";
+        return false;
+    }
+    setup.condition = condition;
+    setup.authorization = authorization;
+    setup.details.transport = DatachannelTransport::IPC;
+    setup.details.peer = peer;
+    ipcKeys(setup.details.list, configured(), Synchronization::None, 0, 0,
+            compression == Compression::Default ? Compression::None : compression);
+    return true;
+}
+
 bool validExtent(const Extent& data) { return data.data() && data.size(); }
 
 // The texts of the details by value; value 0 has none.
@@ -378,50 +398,26 @@ Datachannel::Datachannel(const boost::shared_ptr<MsgCondition>& condition, const
                          Compression compression, const Authorization& authorization)
     : mptImpl(invalidImpl())
 {
-    if (!attached())
-        return;
-    if (!peer) {
-        BTRACE(TraceAlways) << "Invalid peer address supplied";
-        return;
-    }
-    // The receive details the peer would have given: unwindowed, with the
-    // machine's default buffer size.
+    // The receive details the peer would have given.
     Setup setup;
-    setup.condition = condition;
-    setup.authorization = authorization;
     setup.connected = true;
-    setup.details.send = false;
-    setup.details.transport = IPC;
-    setup.details.peer = peer;
     setup.details.receiveId = id;
-    XmlList& list = setup.details.list;
-    ipcKeys(list, configured(), Synchronization::None, 0, 0,
-            compression == Compression::Default ? Compression::None : compression);
-    if (const boost::shared_ptr<DatachannelImpl> impl = build(setup, true))
-        mptImpl = impl;
+    if (knownPeer(condition, peer, authorization, compression, setup))
+        if (const boost::shared_ptr<DatachannelImpl> impl = build(setup, true))
+            mptImpl = impl;
 }
 
 Datachannel::Datachannel(const boost::shared_ptr<MsgCondition>& condition, const MsgAddress& peer,
                          const Authorization& authorization)
     : mptImpl(invalidImpl())
 {
-    if (!attached())
-        return;
-    if (!peer) {
-        BTRACE(TraceAlways) << "Invalid peer address supplied";
-        return;
-    }
-    // As if `peer` had sent unwindowed details for channel 0.
+    // As if `peer` had sent details for channel 0.
     Setup setup;
-    setup.condition = condition;
-    setup.authorization = authorization;
     setup.details.send = true;
-    setup.details.transport = IPC;
-    setup.details.peer = peer;
     setup.id = 0;
-    ipcKeys(setup.details.list, configured(), Synchronization::None, 0, 0, Compression::None);
-    if (const boost::shared_ptr<DatachannelImpl> impl = build(setup, false))
-        mptImpl = impl;
+    if (knownPeer(condition, peer, authorization, Compression::None, setup))
+        if (const boost::shared_ptr<DatachannelImpl> impl = build(setup, false))
+            mptImpl = impl;
 }
 
 Datachannel::Datachannel(const Datachannel& other) = default;
