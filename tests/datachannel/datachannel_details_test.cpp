@@ -204,6 +204,9 @@ TEST_F(Details, APeerThatBreaksTheRulesEndsItsOwnChannelOnly)
             ASSERT_EQ(sender.connect(answer), Datachannel::eOk);
             for (int i = 0; i < 6; ++i)
                 send(ackId, DatachannelImplIPC::AckMark, QByteArray());
+            // Behind them on the same way: once it is here, so are they.
+            rogue->send(self, "DcAcksPost");
+            ASSERT_TRUE(Msg::wait("DcAcksPost", 10));
             int buffers = 0;
             std::thread counter([&] {
                 while (const boost::shared_ptr<IpcPacket> packet = rogue->next(3000))
