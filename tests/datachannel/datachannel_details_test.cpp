@@ -32,18 +32,13 @@ namespace {
 class Details : public Channels
 {
 protected:
-    // Send details as another process of this machine would have made them.
-    static XmlList fromPeer(const MsgAddress& peer, unsigned size = 1000, unsigned count = 2, unsigned ackId = 7)
+    // Send details as another process of this machine would have made them:
+    // a window of two 1000-byte buffers.
+    static XmlList fromPeer(const MsgAddress& peer, unsigned ackId = 7)
     {
-        XmlList details;
-        details.set(DatachannelKey::Type, DatachannelKey::TypeSend);
-        details.set(DatachannelKey::Transport, "IPC");
+        XmlList details = Datachannel::sendDetails(Datachannel::IPC, MsgAddress(), Sync::Windowed, 1000, 2);
         details.set(DatachannelKey::PeerAddress, peer.toXml());
-        details.set(DatachannelKey::IpcSynchronization, "Windowed");
         details.set(DatachannelKey::IpcAckId, ackId);
-        details.set(DatachannelKey::IpcCompression, "None");
-        details.set(DatachannelKey::IpcBufferSize, size);
-        details.set(DatachannelKey::IpcBufferCount, count);
         return details;
     }
 
@@ -72,8 +67,6 @@ TEST_F(Details, CarryTheMachinesDefaultsUnlessTheConfigurationOrTheCallerSaysOth
             const XmlList best = Datachannel::sendDetails(Datachannel::Best, MsgAddress());
             EXPECT_EQ(value<unsigned>(best, DatachannelKey::ShmBufferSize), 66560u);
             EXPECT_EQ(value<unsigned>(best, DatachannelKey::ShmBufferCount), 10u);
-            EXPECT_TRUE(traces([] { EXPECT_TRUE(Datachannel::sendDetails(QString(), 1 << 20, 4096).isEmpty()); },
-                               TraceAlways, "No base path supplied"));
 
             // A size that does not divide the total: the count rounds down.
             XmlList defaults;
@@ -198,7 +191,7 @@ TEST_F(Details, APeerThatBreaksTheRulesEndsItsOwnChannelOnly)
             const XmlList offered = Datachannel::sendDetails(Datachannel::IPC, MsgAddress(), Sync::Windowed, 1000, 2);
             const unsigned ackId = value<unsigned>(offered, DatachannelKey::IpcAckId);
             Datachannel sender(stop, offered);
-            XmlList answer = fromPeer(peer, 1000, 2, ackId);
+            XmlList answer = fromPeer(peer, ackId);
             answer.set(DatachannelKey::Type, DatachannelKey::TypeReceive);
             answer.set(DatachannelKey::ReceiveId, 5u);
             ASSERT_EQ(sender.connect(answer), Datachannel::eOk);

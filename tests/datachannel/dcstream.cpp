@@ -40,6 +40,10 @@ const std::vector<unsigned char>& pattern()
     return block;
 }
 
+// Sizes of the pieces a sender hands over and a receiver asks for.
+const unsigned SendPieces[] = {1, 777, 16384, 65539, 200000, 4096, 17408};
+const unsigned ReceivePieces[] = {1, 5000, 17408, 70000, 333};
+const unsigned ReceiveSpace = 70000;
 } // namespace
 
 QByteArray digest(Sha1& sha)
@@ -47,14 +51,6 @@ QByteArray digest(Sha1& sha)
     const Extent& result = sha.result();
     return QByteArray(reinterpret_cast<const char*>(result.data()), int(result.size())).toHex();
 }
-
-namespace {
-
-// Sizes of the pieces a sender hands over and a receiver asks for.
-const unsigned SendPieces[] = {1, 777, 16384, 65539, 200000, 4096, 17408};
-const unsigned ReceivePieces[] = {1, 5000, 17408, 70000, 333};
-const unsigned ReceiveSpace = 70000;
-} // namespace
 
 Catch::Catch(const char* name)
     : msName(QString::fromLatin1(name))
