@@ -20,6 +20,8 @@ const unsigned ReadBufferSize = 8192;
 // documents in flight.
 const unsigned FastBufferSize = 0x100000;
 const qint64 CloseWaitMs = 0x2710;
+// Between the tries of a connect to a server that does not listen yet.
+const qint64 RetryMs = 100;
 
 // A condition that never ends a wait: for the waits of disconnect, which
 // has a time limit of its own.
@@ -69,9 +71,13 @@ bool LuceneComm::serveMessages(MsgCondition& condition)
 
 // --- Connecting -------------------------------------------------------------
 
-bool LuceneComm::waitConnected(MsgCondition& condition)
+// Waits for the connect under way, serving messages. False with the socket
+// closed when it failed: `refused` tells a server that does not listen
+// (yet) from the other failures, which are traced here.
+bool LuceneComm::waitConnected(MsgCondition& condition, bool& refused)
 {
-    while (!condition.done()) {
+    refused = false;
+    while (!condition.done() && validConnection()) {
         if (!moPending.select(moSelect)) {
             BTRACE(TraceAlways) << "Messaging system has gone down";
             closeSocket();
@@ -90,14 +96,17 @@ bool LuceneComm::waitConnected(MsgCondition& condition)
         if (moSelect.isSet(*mptSocket, TCPSocketSelect::All)) {
             if (mptSocket->complete(0))
                 return true;
-            if (mptSocket->lastError() != eTCPErrorTimeout && mptSocket->lastError() != eTCPErrorWouldBlock &&
-                mptSocket->lastError() != eTCPErrorInterrupted) {
-                BTRACE(TraceAlways) << "error connecting" << mptSocket->lastError();
+            const TCPError failure = mptSocket->lastError();
+            if (failure != eTCPErrorTimeout && failure != eTCPErrorWouldBlock && failure != eTCPErrorInterrupted) {
+                refused = failure == eTCPErrorConnectionRefused;
+                if (!refused)
+                    BTRACE(TraceAlways) << "error connecting" << failure;
                 closeSocket();
                 return false;
             }
         }
         if (moPending.pending(moSelect) && !serveMessages(condition)) {
+            BTRACE(TraceAlways) << "Error checking messages";
             closeSocket();
             return false;
         }
@@ -107,7 +116,21 @@ bool LuceneComm::waitConnected(MsgCondition& condition)
     return false;
 }
 
-bool LuceneComm::connect(MsgCondition& condition, const FieldOptions& fieldOptions, unsigned int port, bool fast)
+// Serves messages for up to `ms` milliseconds; false when the wait must end.
+bool LuceneComm::pause(MsgCondition& condition, qint64 ms)
+{
+    if (!moPending.select(moSelect)) {
+        BTRACE(TraceAlways) << "Messaging system has gone down";
+        return false;
+    }
+    const TCPError error = moSelect.wait(ms);
+    if (error == eTCPErrorNone && moPending.pending(moSelect) && !serveMessages(condition))
+        return false;
+    return !condition.done();
+}
+
+bool LuceneComm::connect(MsgCondition& condition, const FieldOptions& fieldOptions, unsigned int port, bool fast,
+                         unsigned waitMs)
 {
     if (Context::type() != Context::TypeAttached) {
         BTRACE(TraceAlways) << "Can only connect in an Attached context";
@@ -125,18 +148,26 @@ bool LuceneComm::connect(MsgCondition& condition, const FieldOptions& fieldOptio
     meLastStatus = eStatusNone;
     msLastReason.clear();
 
-    mptSocket = boost::make_shared<TCPSocketData>(QStringLiteral("Lucene"), NetAddress(QHostAddress::LocalHost, port));
-    if (!mptSocket->isValid()) {
-        BTRACE(TraceAlways) << "error connecting to port" << port << mptSocket->lastError();
+    QElapsedTimer clock;
+    clock.start();
+    for (;;) {
+        mptSocket =
+            boost::make_shared<TCPSocketData>(QStringLiteral("Lucene"), NetAddress(QHostAddress::LocalHost, port));
+        bool refused = mptSocket->lastError() == eTCPErrorConnectionRefused;
+        if (mptSocket->isValid()) {
+            if (fast) {
+                mptSocket->setSendBufferSize(FastBufferSize);
+                mptSocket->setRecvBufferSize(FastBufferSize);
+            }
+            if (waitConnected(condition, refused))
+                break;
+        }
         closeSocket();
-        return false;
+        if (!refused || clock.elapsed() >= qint64(waitMs) || !pause(condition, RetryMs)) {
+            BTRACE(TraceAlways) << "error connecting to port" << port << mptSocket->lastError();
+            return false;
+        }
     }
-    if (fast) {
-        mptSocket->setSendBufferSize(FastBufferSize);
-        mptSocket->setRecvBufferSize(FastBufferSize);
-    }
-    if (!waitConnected(condition))
-        return false;
     BTRACE(TraceNormal) << "Send buffer   " << mptSocket->getSendBufferSize();
     BTRACE(TraceNormal) << "Receive buffer" << mptSocket->getRecvBufferSize();
     BTRACE(TraceNormal) << "Connected" << port;
@@ -181,7 +212,7 @@ void LuceneComm::disconnect(bool quit)
                 BTRACE(TraceAlways) << "Error waiting on select" << error;
                 break;
             }
-            if (moSelect.isSet(*mptSocket, TCPSocketSelect::Read) && !receive())
+            if (moSelect.isSet(*mptSocket, TCPSocketSelect::Read) && !receive(true))
                 break;
             if (moPending.pending(moSelect) && !moPending.handle(never)) {
                 BTRACE(TraceAlways) << "Error checking messages" << int(moPending.lastError());
@@ -271,8 +302,9 @@ bool LuceneComm::sendCommand(MsgCondition& condition, bool wait)
 // --- Reading ----------------------------------------------------------------
 
 // Takes what the socket holds now and parses it. False when the link ended
-// (the server closed it, an error, a reply that cannot be parsed).
-bool LuceneComm::receive()
+// (the server closed it, an error, a reply that cannot be parsed). While
+// `closing`, the server's end of the stream is what is waited for.
+bool LuceneComm::receive(bool closing)
 {
     for (;;) {
         const unsigned got = mptSocket->recv(moReadBuffer.data(), moReadBuffer.size());
@@ -289,7 +321,7 @@ bool LuceneComm::receive()
         const TCPError error = mptSocket->lastError();
         if (error == eTCPErrorWouldBlock || error == eTCPErrorInterrupted)
             return true;
-        BTRACE(error == eTCPErrorClosed ? TraceNormal : TraceAlways) << "Error while reading" << error;
+        BTRACE(closing && error == eTCPErrorClosed ? TraceNormal : TraceAlways) << "Error while reading" << error;
         closeSocket();
         return false;
     }

@@ -383,9 +383,12 @@ public:
 
     // Connects to the server on the loopback address and `port` and sends it
     // the field options (FO). `fast` asks for large socket buffers, for a
-    // link that will carry many documents. Only in an attached context
-    // ("Can only connect in an Attached context").
-    bool connect(MsgCondition& condition, const FieldOptions& fieldOptions, unsigned int port, bool fast);
+    // link that will carry many documents. A server just started takes a
+    // moment before it listens: a refused connect is tried again every 100
+    // milliseconds for up to `waitMs`, serving messages between the tries.
+    // Only in an attached context ("Can only connect in an Attached context").
+    bool connect(MsgCondition& condition, const FieldOptions& fieldOptions, unsigned int port, bool fast,
+                 unsigned waitMs = 0);
     // Tells the server "Quit" (the server ends) or "Close" (it ends this
     // link), waits up to 10 seconds for it to close its end, and closes.
     void disconnect(bool quit);
@@ -451,9 +454,10 @@ private:
     void newCommand(const char* name, const Command& command, bool queued);
     bool sendCommand(MsgCondition& condition, bool wait);
     bool read(MsgCondition& condition, bool block);
-    bool receive();
+    bool receive(bool closing = false);
     bool serveMessages(MsgCondition& condition);
-    bool waitConnected(MsgCondition& condition);
+    bool waitConnected(MsgCondition& condition, bool& refused);
+    bool pause(MsgCondition& condition, qint64 ms);
     bool nextReply(MsgCondition& condition, Reply& reply, const quint64* wanted);
     bool requestPage(MsgCondition& condition);
     bool simpleCommand(MsgCondition& condition, const char* name, const Command& command, bool wait);

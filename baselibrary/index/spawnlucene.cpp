@@ -66,6 +66,15 @@ const char* SpawnLucene::levelWord(TraceLevelE level)
     }
 }
 
+bool SpawnLucene::configure(const QString& configFile, const QString& javaExecutable, const QString& classpath)
+{
+    ConfigLocal config(configFile);
+    if (config.fileName().isEmpty())
+        return false;
+    return config.set(QStringLiteral("JavaExecutable"), javaExecutable) &&
+           config.set(QStringLiteral("Classpath"), classpath) && config.save();
+}
+
 bool SpawnLucene::lockMonitor(const QString& path)
 {
     const SecurityAttributes* security = Context::security();

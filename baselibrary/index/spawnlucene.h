@@ -65,6 +65,10 @@ public:
         return OperatorBoolGenerator<SpawnLucene>::make(bool(moSpawn));
     }
 
+    // Writes `configFile` in the configuration directory, naming the Java to
+    // run and the server's class path; false when it cannot be saved.
+    static bool configure(const QString& configFile, const QString& javaExecutable, const QString& classpath);
+
     // The word the server's -l takes for a trace level.
     static const char* levelWord(TraceLevelE level);
 
