@@ -15,6 +15,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QThread>
 
 #include <csignal>
@@ -386,6 +387,49 @@ TEST(IndexServerSpawn, TheConfigurationTheEnvironmentTheCommandLineAndTheMonitor
         },
         Context::TypeStandalone, 0, "spawntest");
     EXPECT_TRUE(ran);
+}
+
+} // namespace
+
+namespace {
+
+// The tool's output and exit status, run beside the test's Hub.
+QString tool(const QStringList& arguments, int* status)
+{
+    QProcess process;
+    process.start(FILESEARCH_PATH, arguments);
+    if (!process.waitForFinished(60000))
+        process.kill();
+    *status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    return QString::fromUtf8(process.readAllStandardOutput() + process.readAllStandardError());
+}
+
+TEST_F(RealServer, TheFileSearchToolIndexesATreeAgainAndAnswersSearches)
+{
+    const QString tree = moHome.path() + "/tree";
+    ASSERT_TRUE(QDir().mkpath(tree + "/sub"));
+    const auto write = [&](const QString& name, int size) {
+        QFile file(tree + '/' + name);
+        return file.open(QIODevice::WriteOnly) && file.write(QByteArray(size, 'x')) == size;
+    };
+    ASSERT_TRUE(write("Annual_Report.PDF", 5000) && write("sub/report-draft.txt", 10) && write("notes.txt", 2000));
+    int status = -1;
+    EXPECT_TRUE(tool({"index", tree}, &status).contains("Indexed 4 entries")) << status;
+    ASSERT_EQ(status, 0);
+    QString found = tool({"search", "report", "--sort", "size"}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_LT(found.indexOf("report-draft.txt"), found.indexOf("Annual_Report.PDF")) << found.toStdString();
+    EXPECT_TRUE(found.contains("2 of 2 matches")) << found.toStdString();
+    EXPECT_TRUE(tool({"search", "txt", "--larger", "1k"}, &status).contains("1 of 1 matches"));
+
+    // Indexing the tree again forgets what has gone from it.
+    ASSERT_TRUE(QFile::remove(tree + "/notes.txt"));
+    tool({"index", tree}, &status);
+    EXPECT_TRUE(tool({"search", "notes"}, &status).contains("0 of 0 matches"));
+    EXPECT_TRUE(tool({"search", "(("}, &status).contains("Cannot parse"));
+    EXPECT_EQ(status, 1);
+    tool({"search", "--limit", "x"}, &status);
+    EXPECT_EQ(status, 2);
 }
 
 } // namespace
