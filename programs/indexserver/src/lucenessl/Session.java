@@ -119,7 +119,9 @@ final class Session {
      * False when the link is to end: Close, or Quit (the caller stops the server).
      */
     boolean handle(Command command) throws IOException {
-        trace.verbose("Command " + command.name + " " + command.sequence + " " + command.clauses);
+        // Every command passes here: its text is made only when it is wanted.
+        if (trace.on(ServerTrace.VERBOSE))
+            trace.verbose("Command " + command.name + " " + command.sequence + " " + command.clauses);
         switch (command.name) {
         case "Close":
         case "Quit":
@@ -145,7 +147,8 @@ final class Session {
     }
 
     private void refuse(Command command, String reason) throws IOException {
-        trace.normal("Refused " + command.name + " " + command.sequence + ": " + reason);
+        if (trace.on(ServerTrace.NORMAL))
+            trace.normal("Refused " + command.name + " " + command.sequence + ": " + reason);
         if (!command.queued)
             out.refused(command, reason);
     }
