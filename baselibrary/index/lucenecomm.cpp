@@ -69,6 +69,31 @@ bool LuceneComm::serveMessages(MsgCondition& condition)
     return false;
 }
 
+// Waits up to `ms` on this link's socket for `type` and on the thread's
+// messages. eTCPErrorNone when something is ready (the select tells what),
+// eTCPErrorTimeout; anything else is a failure that has been traced with
+// `failure` and has closed the link.
+TCPError LuceneComm::waitReady(TCPSocketSelect::TypeE type, qint64 ms, const char* failure)
+{
+    for (;;) {
+        if (!moPending.select(moSelect)) {
+            BTRACE(TraceAlways) << "Messaging system has gone down";
+            closeSocket();
+            return eTCPErrorDisabled;
+        }
+        if (validConnection())
+            moSelect.set(*mptSocket, type);
+        const TCPError error = moSelect.wait(ms);
+        if (error == eTCPErrorInterrupted)
+            continue;
+        if (error != eTCPErrorNone && error != eTCPErrorTimeout) {
+            BTRACE(TraceAlways) << failure << error;
+            closeSocket();
+        }
+        return error;
+    }
+}
+
 // --- Connecting -------------------------------------------------------------
 
 // Waits for the connect under way, serving messages. False with the socket
@@ -78,21 +103,9 @@ bool LuceneComm::waitConnected(MsgCondition& condition, bool& refused)
 {
     refused = false;
     while (!condition.done() && validConnection()) {
-        if (!moPending.select(moSelect)) {
-            BTRACE(TraceAlways) << "Messaging system has gone down";
-            closeSocket();
+        // A connect ends in writable, or in an error, which all sets see.
+        if (waitReady(TCPSocketSelect::All, -1, "Error waiting on select") != eTCPErrorNone)
             return false;
-        }
-        moSelect.set(*mptSocket, TCPSocketSelect::Write);
-        moSelect.set(*mptSocket, TCPSocketSelect::Exception);
-        const TCPError error = moSelect.wait(-1);
-        if (error == eTCPErrorInterrupted)
-            continue;
-        if (error != eTCPErrorNone) {
-            BTRACE(TraceAlways) << "Error waiting on select" << error;
-            closeSocket();
-            return false;
-        }
         if (moSelect.isSet(*mptSocket, TCPSocketSelect::All)) {
             if (mptSocket->complete(0))
                 return true;
@@ -119,14 +132,10 @@ bool LuceneComm::waitConnected(MsgCondition& condition, bool& refused)
 // Serves messages for up to `ms` milliseconds; false when the wait must end.
 bool LuceneComm::pause(MsgCondition& condition, qint64 ms)
 {
-    if (!moPending.select(moSelect)) {
-        BTRACE(TraceAlways) << "Messaging system has gone down";
-        return false;
-    }
-    const TCPError error = moSelect.wait(ms);
+    const TCPError error = waitReady(TCPSocketSelect::Read, ms, "Error waiting on select");
     if (error == eTCPErrorNone && moPending.pending(moSelect) && !serveMessages(condition))
         return false;
-    return !condition.done();
+    return (error == eTCPErrorNone || error == eTCPErrorTimeout) && !condition.done();
 }
 
 bool LuceneComm::connect(MsgCondition& condition, const FieldOptions& fieldOptions, unsigned int port, bool fast,
@@ -200,18 +209,11 @@ void LuceneComm::disconnect(bool quit)
                 BTRACE(TraceAlways) << "Taking too long to close";
                 break;
             }
-            if (!moPending.select(moSelect)) {
-                BTRACE(TraceAlways) << "Messaging system has gone down";
-                break;
-            }
-            moSelect.set(*mptSocket, TCPSocketSelect::Read);
-            const TCPError error = moSelect.wait(left);
-            if (error == eTCPErrorInterrupted || error == eTCPErrorTimeout)
+            const TCPError error = waitReady(TCPSocketSelect::Read, left, "Error waiting on select");
+            if (error == eTCPErrorTimeout)
                 continue;
-            if (error != eTCPErrorNone) {
-                BTRACE(TraceAlways) << "Error waiting on select" << error;
+            if (error != eTCPErrorNone)
                 break;
-            }
             if (moSelect.isSet(*mptSocket, TCPSocketSelect::Read) && !receive(true))
                 break;
             if (moPending.pending(moSelect) && !moPending.handle(never)) {
@@ -256,20 +258,8 @@ bool LuceneComm::sendCommand(MsgCondition& condition, bool wait)
         return false;
     }
     while (!condition.done() && validConnection() && miCommandSent < moCommandText.size()) {
-        if (!moPending.select(moSelect)) {
-            BTRACE(TraceAlways) << "Messaging system has gone down";
-            closeSocket();
+        if (waitReady(TCPSocketSelect::ReadWrite, -1, "Error waiting on select") != eTCPErrorNone)
             return false;
-        }
-        moSelect.set(*mptSocket, TCPSocketSelect::ReadWrite);
-        const TCPError error = moSelect.wait(-1);
-        if (error == eTCPErrorInterrupted)
-            continue;
-        if (error != eTCPErrorNone) {
-            BTRACE(TraceAlways) << "Error waiting on select" << error;
-            closeSocket();
-            return false;
-        }
         const bool readable = moSelect.isSet(*mptSocket, TCPSocketSelect::Read);
         const bool writable = moSelect.isSet(*mptSocket, TCPSocketSelect::Write);
         const bool messages = moPending.pending(moSelect);
@@ -330,22 +320,11 @@ bool LuceneComm::receive(bool closing)
 bool LuceneComm::read(MsgCondition& condition, bool block)
 {
     while (!condition.done() && validConnection()) {
-        if (!moPending.select(moSelect)) {
-            BTRACE(TraceAlways) << "Messaging has shutdown";
-            closeSocket();
-            return false;
-        }
-        moSelect.set(*mptSocket, TCPSocketSelect::Read);
-        const TCPError error = moSelect.wait(block ? -1 : 0);
-        if (error == eTCPErrorInterrupted)
-            continue;
+        const TCPError error = waitReady(TCPSocketSelect::Read, block ? -1 : 0, "Error waiting for data");
         if (error == eTCPErrorTimeout)
             return true;
-        if (error != eTCPErrorNone) {
-            BTRACE(TraceAlways) << "Error waiting for data" << error;
-            closeSocket();
+        if (error != eTCPErrorNone)
             return false;
-        }
         const bool messages = moPending.pending(moSelect);
         if (moSelect.isSet(*mptSocket, TCPSocketSelect::Read) && !receive())
             return false;

@@ -458,6 +458,7 @@ private:
     bool serveMessages(MsgCondition& condition);
     bool waitConnected(MsgCondition& condition, bool& refused);
     bool pause(MsgCondition& condition, qint64 ms);
+    TCPError waitReady(TCPSocketSelect::TypeE type, qint64 ms, const char* failure);
     bool nextReply(MsgCondition& condition, Reply& reply, const quint64* wanted);
     bool requestPage(MsgCondition& condition);
     bool simpleCommand(MsgCondition& condition, const char* name, const Command& command, bool wait);
