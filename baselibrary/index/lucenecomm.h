@@ -435,7 +435,12 @@ public:
 
     // Appends the next page of hits of the search that gave `first`. False
     // when no results were left or the page did not come whole; the search
-    // then counts as used up.
+    // then counts as used up. With `prefetch` false the next page is asked
+    // for as soon as this one is taken, so that the server works on it while
+    // the caller uses this one; with `prefetch` true it is asked for when the
+    // caller comes for it. Keep to one of the two for a search, and send no
+    // other command between its pages: the next command's wait drops the
+    // replies of the page asked for ahead.
     bool searchResultList(MsgCondition& condition, QList<Reply>& list, const Reply& first, bool prefetch);
     // The hits of `first` not yet taken, at most the command's maximum.
     unsigned searchResultsLeft(MsgCondition& condition, const Reply& first) const;

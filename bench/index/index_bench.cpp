@@ -5,7 +5,8 @@
 // over loopback from an attached context; DirectBench does the same work in
 // one Java process. Each case runs once and reports its figures as counters:
 // documents a second, the median and 90th percentile of a query, and the CPU
-// seconds of this process and of the Java one.
+// seconds of this process and of the Java one; and, through the server, the
+// round trip of a command that does nothing.
 
 #include "core/context.h"
 #include "core/fixedpath.h"
@@ -121,6 +122,7 @@ struct Figures {
     double queryP90Us = 0;
     double queryCpu = 0;
     double serverQueryCpu = 0;
+    double noopMedianUs = 0;
     QString error;
 };
 
@@ -134,6 +136,14 @@ void report(benchmark::State& state, const Figures& figures)
     state.counters["query_p90_us"] = figures.queryP90Us;
     state.counters["query_cpu_s"] = figures.queryCpu;
     state.counters["java_query_cpu_s"] = figures.serverQueryCpu;
+    if (figures.noopMedianUs > 0)
+        state.counters["noop_median_us"] = figures.noopMedianUs;
+}
+
+double median(std::vector<double>& times)
+{
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2];
 }
 
 QString home()
@@ -223,9 +233,20 @@ void throughServer()
     }
     figures.queryCpu = ownCpu() - cpu;
     figures.serverQueryCpu = processCpu(pid) - serverCpu;
-    std::sort(times.begin(), times.end());
-    figures.queryMedianUs = times[times.size() / 2];
+    figures.queryMedianUs = median(times);
     figures.queryP90Us = times[times.size() * 9 / 10];
+
+    // The link alone: a command that does nothing, and its reply.
+    times.clear();
+    for (int q = 0; q < Queries; ++q) {
+        const Clock::time_point begin = Clock::now();
+        if (!link.indexNoop(never)) {
+            figures.error = "a noop failed";
+            return;
+        }
+        times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
+    }
+    figures.noopMedianUs = median(times);
     link.disconnect(true);
     server.process().getOSHandle()->wait();
 }
