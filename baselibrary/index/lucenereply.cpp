@@ -250,6 +250,16 @@ bool LuceneComm::ReplyParser::feed(const char* data, int size, QList<Reply>& rep
             }
             break;
         case 5:
+            if (mbQuoted && !mbEscape && c != '\\' && c != '"') {
+                // Most bytes are inside quoted values: take the run up to
+                // the next quote or backslash at once.
+                int end = i + 1;
+                while (end < size && data[end] != '"' && data[end] != '\\')
+                    ++end;
+                moToken.append(data + i, end - i);
+                i = end - 1;
+                break;
+            }
             if (mbQuoted) {
                 if (mbEscape) {
                     mbEscape = false;

@@ -6,6 +6,7 @@ import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.concurrent.atomic.AtomicBoolean;
 
 import org.apache.lucene.analysis.core.KeywordAnalyzer;
 import org.apache.lucene.index.IndexWriter;
@@ -18,8 +19,8 @@ import org.apache.lucene.store.FSDirectory;
  * The indexes the server has open, one writer per directory whichever links
  * use it. An index is opened (created if it is not there) by the first link
  * that asks for it and closed, with a commit, when the last one lets go.
- * Searches see what was added before them, committed or not: each search
- * takes a reader that is brought up to date with the writer first.
+ * Searches see what was added before them, committed or not: a search after
+ * a change takes a reader brought up to date with the writer first.
  */
 final class IndexStore {
     static final class Index {
@@ -27,6 +28,8 @@ final class IndexStore {
         final Directory directory;
         final IndexWriter writer;
         final SearcherManager searchers;
+        /** Set by every change through the writer; a search refreshes its reader only then. */
+        final AtomicBoolean changed = new AtomicBoolean();
         int users;
 
         Index(String path, Directory directory, IndexWriter writer, SearcherManager searchers) {

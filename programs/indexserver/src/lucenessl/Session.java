@@ -176,20 +176,23 @@ final class Session {
             break;
         case "IA":
             selected().writer.addDocument(document(command));
+            selected().changed.set(true);
             success(command);
             break;
         case "IDQ":
             selected().writer.deleteDocuments(query(command));
+            selected().changed.set(true);
             success(command);
             break;
         case "CM":
             selected().writer.commit();
-            selected().searchers.maybeRefresh();
+            selected().changed.set(true);
             success(command);
             break;
         case "IZ":
             selected().writer.forceMerge(1);
             selected().writer.commit();
+            selected().changed.set(true);
             success(command);
             break;
         case "NP":
@@ -419,10 +422,16 @@ final class Session {
         return finish(open.pop().query);
     }
 
-    /** A list of nothing matches everything; a list of exclusions excludes from everything. */
+    /**
+     * A list of nothing matches everything; a list of exclusions excludes from
+     * everything; a list of one required clause is that clause, which spares
+     * the search a level of scoring for the most common query.
+     */
     private static Query finish(BooleanQuery query) {
         if (query.clauses().isEmpty())
             return new MatchAllDocsQuery();
+        if (query.clauses().size() == 1 && query.clauses().get(0).getOccur() == Occur.MUST)
+            return query.clauses().get(0).getQuery();
         boolean onlyExcluding = true;
         for (org.apache.lucene.search.BooleanClause clause : query.clauses())
             onlyExcluding &= clause.getOccur() == Occur.MUST_NOT;
@@ -642,7 +651,10 @@ final class Session {
         }
         List<IndexReader> readers = new ArrayList<>();
         for (IndexStore.Index each : indexes) {
-            each.searchers.maybeRefreshBlocking();
+            // The flag is cleared before the refresh: a change made meanwhile
+            // sets it again, and the next search takes it in.
+            if (each.changed.getAndSet(false))
+                each.searchers.maybeRefreshBlocking();
             IndexSearcher searcher = each.searchers.acquire();
             at.releases.add(0, () -> {
                 try {
