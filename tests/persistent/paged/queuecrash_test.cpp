@@ -1,0 +1,148 @@
+// A sender process and a receiver process on one queue, killed with SIGKILL at
+// random points and started again: every record sent comes, in order, and a
+// record comes twice only when its receiver died before its release was
+// confirmed. BREVI_QUEUE_CRASH_ROUNDS sets the number of kills (200 by
+// default, about half a minute).
+
+#include "persistent/spoolcheck.h"
+
+#include "persistenttest.h"
+
+#include <QProcess>
+
+#include <cstdlib>
+#include <random>
+
+using namespace Brevi;
+
+namespace {
+
+// The receiver's lines, in order across all its lives.
+class Deliveries
+{
+public:
+    // A new receiver process starts.
+    void restart() { mbFirst = true; }
+
+    ::testing::AssertionResult take(const QByteArray& output)
+    {
+        msRest += output;
+        int end;
+        while ((end = msRest.indexOf('\n')) >= 0) {
+            const QList<QByteArray> words = msRest.left(end).split(' ');
+            msRest.remove(0, end + 1);
+            const quint64 number = words.value(1).toULongLong();
+            if (words.value(0) == "got") {
+                if (mbFirst && !mbConfirmed && number + 1 == mullNext) {
+                    ++muiDuplicates;
+                } else if (number != mullNext) {
+                    return ::testing::AssertionFailure() << "got " << number << " where " << mullNext << " was due"
+                                                         << (mbFirst ? " after a restart" : "");
+                }
+                mullNext = number + 1;
+                mbConfirmed = false;
+                mbFirst = false;
+            } else if (words.value(0) == "rel" && number + 1 == mullNext) {
+                mbConfirmed = true;
+            } else {
+                return ::testing::AssertionFailure() << "the receiver said: " << msRest.left(end).constData();
+            }
+        }
+        return ::testing::AssertionSuccess();
+    }
+
+    quint64 next() const { return mullNext; }
+    bool confirmed() const { return mbConfirmed; }
+    unsigned duplicates() const { return muiDuplicates; }
+
+private:
+    QByteArray msRest;
+    quint64 mullNext = 0;
+    bool mbConfirmed = true;
+    bool mbFirst = true;
+    unsigned muiDuplicates = 0;
+};
+
+class QueueCrashTest : public PersistentTest::Fixture
+{
+protected:
+    void start(QProcess& peer, const char* side)
+    {
+        peer.start(QUEUE_PEER, {side, path("queue")});
+        ASSERT_TRUE(peer.waitForStarted(10000)) << side;
+    }
+    // Kills a peer that must still be running.
+    void kill(QProcess& peer, const char* side)
+    {
+        ASSERT_EQ(peer.state(), QProcess::Running) << side << " stopped by itself with " << peer.exitCode() << ": "
+                                                   << peer.readAllStandardOutput().constData();
+        peer.kill();
+        ASSERT_TRUE(peer.waitForFinished(10000));
+        ASSERT_EQ(peer.exitStatus(), QProcess::CrashExit)
+            << side << " ended with " << peer.exitCode() << ": " << peer.readAllStandardOutput().constData();
+    }
+};
+
+} // namespace
+
+TEST_F(QueueCrashTest, KilledSendersAndReceiversLoseAndRepeatNothingReleased)
+{
+    const char* setting = std::getenv("BREVI_QUEUE_CRASH_ROUNDS");
+    const int rounds = setting ? std::atoi(setting) : 200;
+    std::mt19937 random(515);
+    Deliveries deliveries;
+    QProcess sender;
+    QProcess receiver;
+    ASSERT_NO_FATAL_FAILURE(start(sender, "send"));
+    ASSERT_NO_FATAL_FAILURE(start(receiver, "receive"));
+    int checked = 0;
+    for (int round = 0; round < rounds; ++round) {
+        // Waiting on the receiver keeps its output flowing into the test.
+        ASSERT_FALSE(receiver.waitForFinished(int(5 + random() % 60)))
+            << "round " << round << ": the receiver ended with " << receiver.exitCode() << ": "
+            << receiver.readAllStandardOutput().right(200).constData();
+        ASSERT_TRUE(deliveries.take(receiver.readAllStandardOutput())) << "round " << round;
+        const unsigned victim = random() % 5;
+        if (victim != 2 && victim != 3) {
+            ASSERT_NO_FATAL_FAILURE(kill(sender, "sender"));
+        }
+        if (victim >= 2) {
+            ASSERT_NO_FATAL_FAILURE(kill(receiver, "receiver"));
+            ASSERT_TRUE(deliveries.take(receiver.readAllStandardOutput())) << "round " << round;
+            deliveries.restart();
+        }
+        if (victim == 4) {
+            SpoolReport report;
+            ASSERT_TRUE(SpoolCheck::check(path("queue"), report)) << "round " << round << ":\n"
+                                                                  << report.problems.join('\n').toStdString();
+            ++checked;
+        }
+        if (sender.state() != QProcess::Running) {
+            ASSERT_NO_FATAL_FAILURE(start(sender, "send"));
+        }
+        if (receiver.state() != QProcess::Running) {
+            ASSERT_NO_FATAL_FAILURE(start(receiver, "receive"));
+        }
+    }
+    ASSERT_NO_FATAL_FAILURE(kill(sender, "sender"));
+
+    // The receiver drains what was sent for good.
+    SpoolReport report;
+    ASSERT_TRUE(SpoolCheck::check(path("queue"), report)) << report.problems.join('\n').toStdString();
+    const quint64 sent = report.write.count;
+    for (int wait = 0; wait < 300 && !(deliveries.next() == sent && deliveries.confirmed()); ++wait) {
+        ASSERT_FALSE(receiver.waitForFinished(100));
+        ASSERT_TRUE(deliveries.take(receiver.readAllStandardOutput()));
+    }
+    ASSERT_NO_FATAL_FAILURE(kill(receiver, "receiver"));
+    ASSERT_TRUE(deliveries.take(receiver.readAllStandardOutput()));
+    EXPECT_EQ(deliveries.next(), sent) << "every record sent came";
+    ASSERT_TRUE(SpoolCheck::check(path("queue"), report)) << report.problems.join('\n').toStdString();
+    EXPECT_EQ(report.read.count, sent) << "and was released";
+    EXPECT_GT(sent, quint64(rounds) * 10) << "the sender got some way each round";
+    EXPECT_GT(checked, 0);
+    RecordProperty("records", int(sent));
+    RecordProperty("duplicates", int(deliveries.duplicates()));
+    std::printf("%llu records, %u came twice, %d kills\n", static_cast<unsigned long long>(sent),
+                deliveries.duplicates(), rounds);
+}
