@@ -13,6 +13,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace Brevi {
@@ -216,6 +217,28 @@ size_t RawFile::writeAt(quint64 position, const void* data, size_t count)
         muiLastError = unsigned(error);
         BTRACE(TraceAlways) << "Write to" << msPath << "failed" << TraceErrorCode(error);
     }
+    return moved;
+}
+
+size_t RawFile::writeAt(quint64 position, const void* head, size_t headCount, const void* body, size_t bodyCount)
+{
+    iovec pieces[2] = {{const_cast<void*>(head), headCount}, {const_cast<void*>(body), bodyCount}};
+    ssize_t done;
+    do
+        done = ::pwritev(miHandle, pieces, 2, off_t(position));
+    while (done < 0 && errno == EINTR);
+    if (done < 0) {
+        muiLastError = unsigned(errno);
+        BTRACE(TraceAlways) << "Write to" << msPath << "failed" << TraceErrorCode(int(muiLastError));
+        return 0;
+    }
+    // A short write goes on piece by piece.
+    size_t moved = size_t(done);
+    if (moved < headCount)
+        moved += writeAt(position + moved, static_cast<const char*>(head) + moved, headCount - moved);
+    if (moved >= headCount && moved < headCount + bodyCount)
+        moved += writeAt(position + moved, static_cast<const char*>(body) + (moved - headCount),
+                         headCount + bodyCount - moved);
     return moved;
 }
 

@@ -92,6 +92,9 @@ public:
     // the file, around any buffer of a derived class.
     size_t readAt(quint64 position, void* data, size_t count);
     size_t writeAt(quint64 position, const void* data, size_t count);
+    // Two pieces written one after the other at `position` in one call: a
+    // header and what follows it. The bytes moved, as above.
+    size_t writeAt(quint64 position, const void* head, size_t headCount, const void* body, size_t bodyCount);
 
     // The current position; 0 on failure.
     virtual quint64 getPosition() const;

@@ -104,9 +104,10 @@ TEST_F(RawFileTest, PositionedTransfersLeaveThePositionAlone)
     EXPECT_EQ(file.readAt(8, bytes, 4), 4u);
     EXPECT_EQ(QByteArray(bytes, 4), QByteArray("89\0\0", 4));
     EXPECT_EQ(file.readAt(13, bytes, 4), 0u) << "at the end";
+    EXPECT_EQ(file.writeAt(4, "cd", 2, "ef", 2), 4u) << "a header and a body";
     EXPECT_EQ(file.getPosition(), 10u);
     file.close();
-    EXPECT_EQ(readFile("at"), QByteArray("01ab456789\0\0z", 13));
+    EXPECT_EQ(readFile("at"), QByteArray("01abcdef89\0\0z", 13));
 
     RawFile reading(path("at"), RawFile::eReadOnly);
     EXPECT_EQ(reading.writeAt(0, "x", 1), 0u);
