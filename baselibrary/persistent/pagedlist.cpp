@@ -47,19 +47,38 @@ unsigned heapsort(Page& page, Extents& extents, const PagedList::CompareFunction
             child = parent;
         }
     }
+    // Each pop puts the last element at the root and sifts it down. The
+    // element is one of the smallest, so it goes nearly to the bottom: the
+    // sift follows the larger children down to a leaf first (one compare a
+    // level) and then climbs back to where the element belongs (a compare or
+    // two), in place of two compares at every level.
     for (int end = count - 1; end > 0; --end) {
         at[0].swap(at[end]);
-        int root = 0;
+        int place = 0;
         for (;;) {
-            int child = 2 * root + 1;
+            int child = 2 * place + 1;
             if (child >= end)
                 break;
+            // The entries lie anywhere in a page of megabytes: asking for the
+            // next level's now hides most of the wait for them.
+            const int below = 4 * child + 3;
+            for (int i = below; i < below + 8 && i < end; ++i)
+                __builtin_prefetch(at[i].data());
             if (child + 1 < end && compare(at[child], at[child + 1]) == PagedList::eLess)
                 ++child;
-            if (compare(at[root], at[child]) != PagedList::eLess)
-                break;
-            at[root].swap(at[child]);
-            root = child;
+            place = child;
+        }
+        while (place > 0 && compare(at[place], at[0]) == PagedList::eLess)
+            place = (place - 1) >> 1;
+        if (place == 0)
+            continue;
+        // The element goes to `place`; those on the path above it move up a
+        // level.
+        Extent carried = at[place];
+        at[place] = at[0];
+        while (place > 0) {
+            place = (place - 1) >> 1;
+            carried.swap(at[place]);
         }
     }
     return unsigned(count);

@@ -14,10 +14,6 @@ const unsigned TraceModule = TraceModulePagedQueue;
 
 // The receiver reads through a buffer of this size.
 const unsigned ReadBufferSize = 65536;
-// Records up to this size are copied behind their header and written with
-// it in one call; larger ones are written in two, which costs less than the
-// copy.
-const unsigned SmallRecordSize = 16384;
 // How long receivePolled() waits at a time on a queue without a poll
 // interval, before it looks at the state file for a sender in another
 // process.
@@ -157,25 +153,9 @@ PagedQueue::Result PagedQueueImpl::send(const void* data, unsigned size)
     moPack.append(size);
     const Extent header = moPack.extent();
     const quint64 offset = moWrite.offset;
-    if (size <= SmallRecordSize) {
-        const unsigned length = header.size() + size;
-        moSendBuffer.size(length);
-        std::memcpy(moSendBuffer.data(), header.data(), header.size());
-        if (size != 0)
-            std::memcpy(moSendBuffer.data() + header.size(), data, size);
-        if (moWriteFile.writeAt(offset, moSendBuffer.data(), length) != length) {
-            BTRACE(TraceAlways) << "Failed to write" << size << "byte record" << moWriteFile.path() << offset;
-            return sendFailed();
-        }
-    } else {
-        if (moWriteFile.writeAt(offset, header.data(), header.size()) != header.size()) {
-            BTRACE(TraceAlways) << "Failed to write record size" << moWriteFile.path() << offset;
-            return sendFailed();
-        }
-        if (moWriteFile.writeAt(offset + header.size(), data, size) != size) {
-            BTRACE(TraceAlways) << "Failed to write" << size << "byte record" << moWriteFile.path() << offset;
-            return sendFailed();
-        }
+    if (moWriteFile.writeAt(offset, header.data(), header.size(), data, size) != header.size() + size) {
+        BTRACE(TraceAlways) << "Failed to write" << size << "byte record" << moWriteFile.path() << offset;
+        return sendFailed();
     }
 
     SpoolState next = moWrite;

@@ -79,9 +79,6 @@ private:
     UnpackBuffer moHeader;
     Buffer moData;
     PackBuffer moPack;
-    // A data record's header and data put together for small records, so
-    // that they reach the file in one write.
-    Buffer moSendBuffer;
     QString msPath;
     quint64 mullMaximumFileSize;
     SpoolState moWrite;
