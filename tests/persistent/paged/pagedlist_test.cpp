@@ -163,11 +163,6 @@ TEST(PagedList, WritesReadsAndMovesAsTheModelInMemoryAndInFiles)
 {
     inContext([] {
         {
-            PagedList small;
-            ASSERT_TRUE(small.write(QByteArray(100, 'x')));
-            EXPECT_TRUE(small.path().isEmpty()) << "a list within its page makes no file";
-        }
-        {
             // A whole page for one entry; a byte more is refused and nothing
             // changes.
             PagedList list(PagedList::CompareFunction(), PagedList::FindFunction(), 64);
@@ -194,17 +189,8 @@ TEST(PagedList, WritesReadsAndMovesAsTheModelInMemoryAndInFiles)
         EXPECT_FALSE(spilling.path().isEmpty());
 
         QTemporaryDir directory;
-        const QString named = directory.path() + "/kept.list";
-        {
-            PagedList list(PagedList::CompareFunction(), PagedList::FindFunction(), 256, 0, named, true);
-            exercise(list, 13, 100);
-            list.setPositionStart();
-            ASSERT_TRUE(list.write(QByteArray("only")));
-            ASSERT_TRUE(list.write(QByteArray("these")));
-        }
-        PagedList reopened(PagedList::CompareFunction(), PagedList::FindFunction(), 256, 0, named, false);
-        EXPECT_EQ(readAll(reopened), (QVector<QByteArray>{"only", "these"})) << "a kept file is read as it was left";
-        EXPECT_EQ(reopened.path(), named);
+        PagedList named(PagedList::CompareFunction(), PagedList::FindFunction(), 256, 0, directory.path() + "/a.list");
+        exercise(named, 13, 100);
     });
 }
 
@@ -267,7 +253,7 @@ TEST(PagedList, SortsInThePageInOneSortPageAndExternallyWithTheTieOrder)
     });
 }
 
-TEST(PagedList, FindsByFunctionAndByCompareAndPutsThePositionBack)
+TEST(PagedList, FindsByFunctionOrCompareAndCopiesKeepTheEntries)
 {
     inContext([] {
         int compared = 0;
@@ -276,24 +262,45 @@ TEST(PagedList, FindsByFunctionAndByCompareAndPutsThePositionBack)
             return byKey(a, b);
         };
         PagedList list(counting, PagedList::FindFunction(), 64);
-        for (quint32 key : {5, 1, 9, 3, 7, 3})
-            ASSERT_TRUE(list.write(keyed(key, key)));
+        QVector<QByteArray> entries;
+        for (quint32 key : {5, 1, 9, 3, 7, 3}) {
+            entries.append(keyed(key, key));
+            ASSERT_TRUE(list.write(entries.last()));
+        }
         const quint64 entry = PagedListLayout::footprint(8);
-
         quint64 position = 0;
         list.setPositionStart();
         ASSERT_TRUE(list.find(position, keyed(3, 0)));
         EXPECT_EQ(position, 3 * entry) << "the first equal entry";
-        EXPECT_EQ(list.getPosition(), 0u);
+        EXPECT_EQ(list.getPosition(), 0u) << "the position is put back";
         list.setPosition(4 * entry);
         ASSERT_TRUE(list.find(position, keyed(3, 0))) << "from the current position on";
         EXPECT_EQ(position, 5 * entry);
+
+        // Copies: of the list in its file into a temporary file, of that into
+        // a named kept file, and of a list in memory by assignment.
+        QTemporaryDir directory;
+        const QString named = directory.path() + "/copy.list";
+        PagedList copied(list);
+        EXPECT_FALSE(copied.path().isEmpty());
+        EXPECT_NE(copied.path(), list.path());
+        PagedList(copied, named, true);
+        EXPECT_EQ(readAll(copied), entries);
+        PagedList reopened(byKey, PagedList::FindFunction(), 64, 0, named);
+        EXPECT_EQ(readAll(reopened), entries);
+        PagedList small(byKey);
+        small.write(entries.first());
+        PagedList assigned;
+        assigned = small;
+        EXPECT_TRUE(assigned.path().isEmpty());
+        EXPECT_EQ(readAll(assigned), entries.mid(0, 1));
 
         ASSERT_TRUE(list.sort());
         compared = 0;
         EXPECT_FALSE(list.find(position, keyed(4, 0)));
         EXPECT_EQ(list.lastError(), PagedList::eNotFound);
         EXPECT_EQ(compared, 4) << "a sorted list stops at the first greater entry (1 3 3 5)";
+        EXPECT_TRUE(PagedList(list).isSorted());
 
         PagedList byFunction(PagedList::CompareFunction(), [](const Extent& e, const Extent& t) {
             return e.toQByteArray().endsWith(t.toQByteArray());
@@ -303,48 +310,11 @@ TEST(PagedList, FindsByFunctionAndByCompareAndPutsThePositionBack)
         byFunction.setPositionStart();
         ASSERT_TRUE(byFunction.find(position, QByteArray("mma")));
         EXPECT_EQ(position, PagedListLayout::footprint(5) + PagedListLayout::footprint(4));
-
+        EXPECT_FALSE(byFunction.sort());
+        EXPECT_EQ(byFunction.lastError(), PagedList::eNoCompareFunction);
         PagedList none;
-        none.write(QByteArray("x"));
         EXPECT_FALSE(none.find(position, QByteArray("x")));
         EXPECT_EQ(none.lastError(), PagedList::eNoFindFunction);
-        EXPECT_FALSE(none.sort());
-        EXPECT_EQ(none.lastError(), PagedList::eNoCompareFunction);
-        EXPECT_TRUE(none);
-    });
-}
-
-TEST(PagedList, CopiesHoldTheEntriesInMemoryOrInTheirOwnFiles)
-{
-    inContext([] {
-        QTemporaryDir directory;
-        PagedList memory(byKey);
-        PagedList spilled(byKey, PagedList::FindFunction(), 64);
-        QVector<QByteArray> entries;
-        for (quint32 i = 0; i < 20; ++i) {
-            entries.append(keyed(20 - i, i));
-            memory.write(entries.last());
-            spilled.write(entries.last());
-        }
-        ASSERT_TRUE(spilled.sort());
-        PagedList assigned;
-        assigned = memory;
-        EXPECT_TRUE(assigned.path().isEmpty());
-        EXPECT_EQ(readAll(assigned), entries);
-
-        PagedList copied(spilled);
-        EXPECT_TRUE(copied.isSorted());
-        EXPECT_FALSE(copied.path().isEmpty());
-        EXPECT_NE(copied.path(), spilled.path());
-        const QString named = directory.path() + "/copy.list";
-        {
-            PagedList toFile(memory, named, true);
-            EXPECT_EQ(toFile.path(), named);
-            PagedList again(copied);
-            EXPECT_EQ(readAll(again), modelSort(entries, 20));
-        }
-        PagedList reopened(PagedList::CompareFunction(), PagedList::FindFunction(), 64, 0, named);
-        EXPECT_EQ(readAll(reopened), entries);
     });
 }
 

@@ -1,12 +1,13 @@
 // One side of a paged queue, run until it is killed:
-//   queuepeer send QUEUE      sends records 0, 1, 2, ... for ever, going on
-//                             after the last record the queue has counted
-//   queuepeer receive QUEUE   receives, checks and releases, printing
-//                             "got N" before and "rel N" after each release
+//   queuepeer send QUEUE      sends records 0, 1, 2, ... from the number the
+//                             queue has counted as sent
+//   queuepeer receive QUEUE   receives, checks and releases each record,
+//                             printing "got N" before and "rel N" after the
+//                             release
 // Record N holds N in 8 bytes and then N % 300 bytes of a pattern of N, so
-// that a record that is cut, shifted or mixed with another is seen. Exit
-// codes: 1 usage, 2 the queue did not open, 3 a call failed or a record was
-// wrong (with a line saying which).
+// that a record cut, shifted or mixed with another is seen. Exit codes: 1
+// usage, 2 the queue did not open, 3 a call failed or a record was wrong
+// (with a line saying which).
 #include "core/byteorder.h"
 #include "persistent/pagedqueue.h"
 #include "persistent/spoolstatefile.h"
@@ -23,9 +24,6 @@ using namespace Brevi;
 
 namespace {
 
-const quint64 MaximumFileSize = 4096;
-const quint64 PollInterval = 20;
-
 QByteArray record(quint64 number)
 {
     QByteArray bytes(int(8 + number % 300), char(number * 7));
@@ -33,7 +31,7 @@ QByteArray record(quint64 number)
     return bytes;
 }
 
-// One write per line: a line is whole on the pipe or not there at all.
+// One write a line, so that a line is on the pipe whole or not at all.
 void say(const char* what, quint64 number)
 {
     char line[64];
@@ -44,17 +42,14 @@ void say(const char* what, quint64 number)
 
 int sender(PagedQueue& queue, const QString& path)
 {
-    // The queue counts what it holds for good; the next record follows that.
     SpoolStateFile state;
     SpoolState write;
     if (!state.open(path) || !state.readWriteState(write))
         return 2;
     for (quint64 number = write.count;; ++number) {
         const QByteArray bytes = record(number);
-        if (queue.send(bytes.constData(), unsigned(bytes.size())) != PagedQueue::eOk) {
-            say("send failed", number);
-            return 3;
-        }
+        if (queue.send(bytes.constData(), unsigned(bytes.size())) != PagedQueue::eOk)
+            return say("send failed", number), 3;
         if (number % 64 == 0)
             ::usleep(1000);
     }
@@ -67,20 +62,14 @@ int receiver(PagedQueue& queue)
         const PagedQueue::Result result = queue.receive(data);
         if (result == PagedQueue::eTryAgain)
             continue;
-        if (result != PagedQueue::eOk) {
-            say("receive failed", quint64(result));
-            return 3;
-        }
+        if (result != PagedQueue::eOk)
+            return say("receive failed", quint64(result)), 3;
         const quint64 number = data.size() >= 8 ? ByteOrder::load64(data.data()) : 0;
-        if (data.toQByteArray() != record(number)) {
-            say("wrong record", number);
-            return 3;
-        }
+        if (data.toQByteArray() != record(number))
+            return say("wrong record", number), 3;
         say("got", number);
-        if (queue.release() != PagedQueue::eOk) {
-            say("release failed", number);
-            return 3;
-        }
+        if (queue.release() != PagedQueue::eOk)
+            return say("release failed", number), 3;
         say("rel", number);
     }
 }
@@ -92,7 +81,9 @@ int main(int argc, char** argv)
     if (argc != 3 || (std::strcmp(argv[1], "send") != 0 && std::strcmp(argv[1], "receive") != 0))
         return 1;
     const QString path = QString::fromLocal8Bit(argv[2]);
-    PagedQueue queue(path, MaximumFileSize, PollInterval);
+    // Files of 4 KiB, so that the sides cross from file to file often; the
+    // receiver looks for new records every 20 ms.
+    PagedQueue queue(path, 4096, 20);
     if (!queue)
         return 2;
     return std::strcmp(argv[1], "send") == 0 ? sender(queue, path) : receiver(queue);
