@@ -10,6 +10,15 @@ namespace Brevi {
 namespace {
 const char* const ResultNames[] = {"eOk",   "eSendError",      "eReceiveError",  "eInvalidArgument", "eMessagePending",
                                    "eDown", "eInvalidRequest", "eInternalError", "eTryAgain",        "eEndOfData"};
+// The pointer and size forms of receiving.
+PagedQueue::Result handOut(PagedQueue::Result result, const Extent& record, void*& data, unsigned& size)
+{
+    if (result == PagedQueue::eOk) {
+        data = record.data();
+        size = record.size();
+    }
+    return result;
+}
 } // namespace
 
 Trace& operator<<(Trace& trace, PagedQueue::Result result)
@@ -42,12 +51,7 @@ PagedQueue::Result PagedQueue::receive(Extent& data) { return mptImpl ? mptImpl-
 PagedQueue::Result PagedQueue::receive(void*& data, unsigned& size)
 {
     Extent record;
-    const Result result = receive(record);
-    if (result == eOk) {
-        data = record.data();
-        size = record.size();
-    }
-    return result;
+    return handOut(receive(record), record, data, size);
 }
 
 PagedQueue::Result PagedQueue::receivePolled(Extent& data) { return mptImpl ? mptImpl->receivePolled(data) : eDown; }
@@ -55,12 +59,7 @@ PagedQueue::Result PagedQueue::receivePolled(Extent& data) { return mptImpl ? mp
 PagedQueue::Result PagedQueue::receivePolled(void*& data, unsigned& size)
 {
     Extent record;
-    const Result result = receivePolled(record);
-    if (result == eOk) {
-        data = record.data();
-        size = record.size();
-    }
-    return result;
+    return handOut(receivePolled(record), record, data, size);
 }
 
 PagedQueue::Result PagedQueue::release() { return mptImpl ? mptImpl->release() : eDown; }

@@ -153,7 +153,12 @@ PagedQueue::Result PagedQueueImpl::send(const void* data, unsigned size)
     moPack.append(size);
     const Extent header = moPack.extent();
     const quint64 offset = moWrite.offset;
-    if (moWriteFile.writeAt(offset, header.data(), header.size(), data, size) != header.size() + size) {
+    const size_t written = moWriteFile.writeAt(offset, header.data(), header.size(), data, size);
+    if (written < header.size()) {
+        BTRACE(TraceAlways) << "Failed to write record size" << moWriteFile.path() << offset;
+        return sendFailed();
+    }
+    if (written != header.size() + size) {
         BTRACE(TraceAlways) << "Failed to write" << size << "byte record" << moWriteFile.path() << offset;
         return sendFailed();
     }

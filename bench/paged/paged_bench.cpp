@@ -30,6 +30,8 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include "benchsupport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -45,7 +47,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,7 +67,6 @@ QString scratch()
     if (!directory) {
         const char* base = std::getenv("BREVI_BENCH_DIR");
         directory = new QTemporaryDir((base ? QString::fromLocal8Bit(base) : QDir::tempPath()) + "/paged_bench-XXXXXX");
-        qputenv("BREVI_HOME", directory->path().toLocal8Bit());
     }
     return directory->path();
 }
@@ -155,14 +155,6 @@ void PagedListExternalSort(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * int64_t(input.size()));
 }
 
-double childSeconds()
-{
-    rusage usage;
-    getrusage(RUSAGE_CHILDREN, &usage);
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 void GnuSort(benchmark::State& state)
 {
     const std::vector<Record>& input = records();
@@ -186,7 +178,7 @@ void GnuSort(benchmark::State& state)
     const QByteArray temporary = QFile::encodeName(scratch());
     double cpu = 0;
     for (auto _ : state) {
-        const double before = childSeconds();
+        const double before = BreviBench::childCpuSeconds();
         const pid_t pid = ::fork();
         if (pid == 0) {
             ::setenv("LC_ALL", "C", 1);
@@ -199,7 +191,7 @@ void GnuSort(benchmark::State& state)
             state.SkipWithError("sort failed");
             return;
         }
-        cpu += childSeconds() - before;
+        cpu += BreviBench::childCpuSeconds() - before;
     }
     state.counters["child_cpu_s"] = cpu / double(state.iterations());
     state.counters["memory_MiB"] = double(sortMemory()) / (1024 * 1024);
@@ -292,14 +284,16 @@ void PlainHandOver(benchmark::State& state)
         std::condition_variable condition;
         quint64 written = 0;
         quint64 read = 0;
+        // One side's 24-byte state after `records` records: file, offset, count.
+        const auto writeState = [&](off_t at, int records) {
+            unsigned char bytes[24] = {};
+            ByteOrder::store64(bytes + 8, quint64(records) * length);
+            ByteOrder::store64(bytes + 16, quint64(records));
+            return ::pwrite(stateFile, bytes, sizeof bytes, at) == ssize_t(sizeof bytes);
+        };
         std::thread sender([&] {
-            unsigned char stateBytes[24] = {};
             for (int i = 0; i < count; ++i) {
-                if (::write(writeData, record.constData(), length) != ssize_t(length))
-                    return;
-                ByteOrder::store64(stateBytes + 8, quint64(i + 1) * length);
-                ByteOrder::store64(stateBytes + 16, quint64(i + 1));
-                if (::pwrite(stateFile, stateBytes, 24, 0) != 24)
+                if (::write(writeData, record.constData(), length) != ssize_t(length) || !writeState(0, i + 1))
                     return;
                 bool wake;
                 {
@@ -312,18 +306,13 @@ void PlainHandOver(benchmark::State& state)
             }
         });
         std::vector<char> buffer(length);
-        unsigned char stateBytes[24] = {};
         int received = 0;
         while (received < count) {
             {
                 std::unique_lock<std::mutex> lock(mutex);
                 condition.wait(lock, [&] { return read != written; });
             }
-            if (::read(readData, buffer.data(), length) != ssize_t(length))
-                break;
-            ByteOrder::store64(stateBytes + 8, quint64(received + 1) * length);
-            ByteOrder::store64(stateBytes + 16, quint64(received + 1));
-            if (::pwrite(stateFile, stateBytes, 24, 24) != 24)
+            if (::read(readData, buffer.data(), length) != ssize_t(length) || !writeState(24, received + 1))
                 break;
             {
                 std::lock_guard<std::mutex> lock(mutex);
@@ -366,23 +355,11 @@ BENCHMARK(PlainHandOver)
     ->UseRealTime()
     ->MeasureProcessCPUTime();
 
-// The list's temporary files need a context; the benchmarks run inside one.
-int gArgc = 0;
-char** gArgv = nullptr;
-
-void runBenchmarks()
-{
-    benchmark::Initialize(&gArgc, gArgv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-}
-
 } // namespace
 
+// The list's temporary files need a context, and go to the scratch
+// directory's tree.
 int main(int argc, char** argv)
 {
-    gArgc = argc;
-    gArgv = argv;
-    scratch();
-    return Context::run(runBenchmarks, Context::Type(7), 0, "paged_bench") ? 0 : 1;
+    return BreviBench::runInContext(argc, argv, Context::Type(7), "paged_bench", scratch());
 }

@@ -2,15 +2,20 @@
 // damaged files.
 
 #include "core/byteorder.h"
+#include "messaging/msg.h"
 #include "persistent/pagedqueue.h"
 #include "persistent/spoolcheck.h"
 
 #include "persistenttest.h"
+#include "testhome.h"
 
 #include <QDir>
 #include <QFile>
 #include <QVector>
 
+#include <boost/make_shared.hpp>
+
+#include <chrono>
 #include <memory>
 #include <random>
 #include <thread>
@@ -232,4 +237,38 @@ TEST_F(PagedQueueTest, DamagedFilesRefuseOrStopTheReceiverAtTheDamage)
         }
         EXPECT_TRUE(traced(c.traced)) << c.name;
     }
+}
+
+// receivePolled handles the thread's messages whenever the poll interval runs
+// out and waits on, until a record comes or a handler ends the loop.
+TEST(PagedQueuePolled, HandlesMessagesWhileItWaitsUntilAHandlerStopsIt)
+{
+    BreviTest::inContext(
+        [] {
+            QTemporaryDir directory;
+            PagedQueue queue(directory.path() + "/queue", 4096, 20);
+            ASSERT_EQ(queue.receiver(), PagedQueue::eOk);
+            static int handled = 0;
+            Msg::addHandler("KeepPost", boost::make_shared<MsgHandlerFunction>([](const Msg&) {
+                                ++handled;
+                                return eMsgResultHandled;
+                            }));
+            Msg::addHandler("StopPost",
+                            boost::make_shared<MsgHandlerFunction>([](const Msg&) { return eMsgResultExit; }));
+            ASSERT_TRUE(Msg(Context::address(), "KeepPost").send());
+            std::thread sender([&queue] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                queue.send("late", 4);
+            });
+            Extent data;
+            EXPECT_EQ(queue.receivePolled(data), PagedQueue::eOk);
+            sender.join();
+            EXPECT_EQ(data.toQByteArray(), QByteArray("late"));
+            EXPECT_EQ(handled, 1);
+            ASSERT_EQ(queue.release(), PagedQueue::eOk);
+            ASSERT_TRUE(Msg(Context::address(), "StopPost").send());
+            EXPECT_EQ(queue.receivePolled(data), PagedQueue::eMessagePending);
+            EXPECT_EQ(queue.pollResult(), eMsgResultExit);
+        },
+        Context::TypeStandalone);
 }
