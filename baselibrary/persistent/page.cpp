@@ -88,10 +88,10 @@ Page::Result Page::get(Extent& entry)
 void Page::assign(const Page& other)
 {
     muiCapacity = other.muiCapacity;
+    muiLength = muiPosition = 0;
+    if (other.muiLength != 0)
+        std::memcpy(room(), other.data(), other.muiLength);
     muiLength = other.muiLength;
-    muiPosition = 0;
-    if (muiLength != 0)
-        std::memcpy(room(), other.data(), muiLength);
 }
 
 void Page::swap(Page& other)

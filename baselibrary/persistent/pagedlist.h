@@ -44,8 +44,9 @@ class RawFile;
 // a time in passes through a second temporary file. Equal entries are not
 // kept in their order: within a run they come out as the heap leaves them,
 // and in a merge, of two ways holding equal entries, the way that took its
-// place first comes first. The sort needs the sort page, a twelfth of it or
-// so for the entries' places, and nine pages of the page size.
+// place first comes first. The sort needs the sort page, 16 bytes for each
+// entry a sort page holds (in an array that grows by doubling), and nine
+// pages of the page size.
 //
 // Failure: false, with lastError() telling why. Running off the end (eEndOfList)
 // and not finding (eNotFound) are normal ends; an entry too large for the page

@@ -67,10 +67,14 @@ private:
 class QueueCrashTest : public PersistentTest::Fixture
 {
 protected:
+    // Starts a peer and waits until it has the queue open, so that every
+    // round gets some work done however slowly processes start.
     void start(QProcess& peer, const char* side)
     {
         peer.start(QUEUE_PEER, {side, path("queue")});
         ASSERT_TRUE(peer.waitForStarted(10000)) << side;
+        ASSERT_TRUE(peer.canReadLine() || peer.waitForReadyRead(10000)) << side;
+        ASSERT_EQ(peer.readLine(), QByteArray("ready 0\n")) << side;
     }
     // Kills a peer that must still be running.
     void kill(QProcess& peer, const char* side)

@@ -4,10 +4,10 @@
 //   queuepeer receive QUEUE   receives, checks and releases each record,
 //                             printing "got N" before and "rel N" after the
 //                             release
-// Record N holds N in 8 bytes and then N % 300 bytes of a pattern of N, so
-// that a record cut, shifted or mixed with another is seen. Exit codes: 1
-// usage, 2 the queue did not open, 3 a call failed or a record was wrong
-// (with a line saying which).
+// Each prints "ready 0" once the queue is open. Record N holds N in 8 bytes
+// and then N % 300 bytes of a pattern of N, so that a record cut, shifted or
+// mixed with another is seen. Exit codes: 1 usage, 2 the queue did not open,
+// 3 a call failed or a record was wrong (with a line saying which).
 #include "core/byteorder.h"
 #include "persistent/pagedqueue.h"
 #include "persistent/spoolstatefile.h"
@@ -50,7 +50,7 @@ int sender(PagedQueue& queue, const QString& path)
         const QByteArray bytes = record(number);
         if (queue.send(bytes.constData(), unsigned(bytes.size())) != PagedQueue::eOk)
             return say("send failed", number), 3;
-        if (number % 64 == 0)
+        if (number % 16 == 0)
             ::usleep(1000);
     }
 }
@@ -86,5 +86,6 @@ int main(int argc, char** argv)
     PagedQueue queue(path, 4096, 20);
     if (!queue)
         return 2;
+    say("ready", 0);
     return std::strcmp(argv[1], "send") == 0 ? sender(queue, path) : receiver(queue);
 }
