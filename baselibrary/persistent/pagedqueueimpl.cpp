@@ -219,7 +219,7 @@ bool PagedQueueImpl::refreshWriteState()
     return true;
 }
 
-PagedQueue::Result PagedQueueImpl::waitForData(quint64 interval)
+PagedQueue::Result PagedQueueImpl::waitForData(quint64 interval, SpoolState& committed, bool& resync)
 {
     boost::unique_lock<boost::mutex> lock(moMutex);
     while (moRead.samePlace(moWriteCopy)) {
@@ -239,23 +239,20 @@ PagedQueue::Result PagedQueueImpl::waitForData(quint64 interval)
             return mptPending ? PagedQueue::eMessagePending : PagedQueue::eTryAgain;
         }
     }
+    committed = moWriteCopy;
+    resync = mbResync;
+    mbResync = false;
     return PagedQueue::eOk;
 }
 
 PagedQueue::Result PagedQueueImpl::getData(quint64 interval)
 {
     for (;;) {
-        const PagedQueue::Result waited = waitForData(interval);
+        SpoolState committed;
+        bool resync = false;
+        const PagedQueue::Result waited = waitForData(interval, committed, resync);
         if (waited != PagedQueue::eOk)
             return waited;
-        SpoolState committed;
-        bool resync;
-        {
-            boost::lock_guard<boost::mutex> lock(moMutex);
-            committed = moWriteCopy;
-            resync = mbResync;
-            mbResync = false;
-        }
         // Bytes the buffer took beyond the last record then written may have
         // been written again since by a sender in another process.
         if (resync)

@@ -60,8 +60,9 @@ private:
     PagedQueue::Result sendFailed();
 
     // Waits for a record or the end of the wait. eOk with a record to read,
-    // otherwise what the wait ended with.
-    PagedQueue::Result waitForData(quint64 interval);
+    // with the write state it may be read up to and whether the read buffer
+    // must be dropped first; otherwise what the wait ended with.
+    PagedQueue::Result waitForData(quint64 interval, SpoolState& committed, bool& resync);
     // Takes a newer write state from the state file, for a sender in another
     // process. The mutex is held.
     bool refreshWriteState();
