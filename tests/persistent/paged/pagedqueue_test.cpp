@@ -119,33 +119,6 @@ TEST_F(PagedQueueTest, FollowsTheModelThroughReceivesReleasesAndReopens)
     EXPECT_TRUE(queueFiles().isEmpty());
 }
 
-TEST_F(PagedQueueTest, AnswersForANewQueueAndForCallsOutOfTurn)
-{
-    PagedQueue none;
-    Extent data;
-    EXPECT_FALSE(none);
-    EXPECT_EQ(none.send(data), PagedQueue::eDown);
-
-    PagedQueue queue(path("queue"), 4096, 10);
-    ASSERT_TRUE(queue);
-    quint64 count = 99;
-    EXPECT_EQ(queue.available(count), PagedQueue::eEndOfData);
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(queue.receive(data), PagedQueue::eTryAgain) << "polling without receiver(): the wait ran out";
-    EXPECT_EQ(queue.receiver(), PagedQueue::eOk);
-    EXPECT_EQ(queue.receiver(), PagedQueue::eInvalidRequest);
-    EXPECT_EQ(queue.receive(data), PagedQueue::eMessagePending);
-
-    ASSERT_EQ(queue.send("one", 3), PagedQueue::eOk);
-    void* bytes = nullptr;
-    unsigned size = 0;
-    ASSERT_EQ(queue.receive(bytes, size), PagedQueue::eOk);
-    EXPECT_EQ(QByteArray(static_cast<const char*>(bytes), int(size)), QByteArray("one"));
-    PagedQueue copy(queue);
-    EXPECT_EQ(copy.release(), PagedQueue::eOk) << "a copy is the same queue";
-    EXPECT_EQ(queue.release(), PagedQueue::eInvalidRequest);
-}
-
 // A sender thread and a receiver thread that waits with a poll interval: every
 // record comes, in order, across many files.
 TEST_F(PagedQueueTest, HandsRecordsOverBetweenThreadsInOrder)
@@ -239,15 +212,25 @@ TEST_F(PagedQueueTest, DamagedFilesRefuseOrStopTheReceiverAtTheDamage)
     }
 }
 
-// receivePolled handles the thread's messages whenever the poll interval runs
-// out and waits on, until a record comes or a handler ends the loop.
-TEST(PagedQueuePolled, HandlesMessagesWhileItWaitsUntilAHandlerStopsIt)
+// A new queue, the waits of receive() and receivePolled(): the latter handles
+// the thread's messages whenever the poll interval runs out and waits on,
+// until a record comes or a handler ends the loop.
+TEST(PagedQueueWaits, ReceivePolledHandlesMessagesUntilARecordComesOrAHandlerStopsIt)
 {
     BreviTest::inContext(
         [] {
+            Extent data;
+            EXPECT_EQ(PagedQueue().send(data), PagedQueue::eDown);
             QTemporaryDir directory;
             PagedQueue queue(directory.path() + "/queue", 4096, 20);
+            quint64 count = 99;
+            EXPECT_EQ(queue.available(count), PagedQueue::eEndOfData);
+            EXPECT_EQ(count, 0u);
+            EXPECT_EQ(queue.receive(data), PagedQueue::eTryAgain) << "without receiver(): the wait ran out";
             ASSERT_EQ(queue.receiver(), PagedQueue::eOk);
+            EXPECT_EQ(queue.receiver(), PagedQueue::eInvalidRequest);
+            EXPECT_EQ(queue.receive(data), PagedQueue::eMessagePending);
+
             static int handled = 0;
             Msg::addHandler("KeepPost", boost::make_shared<MsgHandlerFunction>([](const Msg&) {
                                 ++handled;
@@ -260,12 +243,13 @@ TEST(PagedQueuePolled, HandlesMessagesWhileItWaitsUntilAHandlerStopsIt)
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
                 queue.send("late", 4);
             });
-            Extent data;
             EXPECT_EQ(queue.receivePolled(data), PagedQueue::eOk);
             sender.join();
             EXPECT_EQ(data.toQByteArray(), QByteArray("late"));
             EXPECT_EQ(handled, 1);
-            ASSERT_EQ(queue.release(), PagedQueue::eOk);
+            PagedQueue copy(queue);
+            ASSERT_EQ(copy.release(), PagedQueue::eOk) << "a copy is the same queue";
+            EXPECT_EQ(queue.release(), PagedQueue::eInvalidRequest);
             ASSERT_TRUE(Msg(Context::address(), "StopPost").send());
             EXPECT_EQ(queue.receivePolled(data), PagedQueue::eMessagePending);
             EXPECT_EQ(queue.pollResult(), eMsgResultExit);

@@ -1,13 +1,9 @@
-// One side of a paged queue, run until it is killed:
-//   queuepeer send QUEUE      sends records 0, 1, 2, ... from the number the
-//                             queue has counted as sent
-//   queuepeer receive QUEUE   receives, checks and releases each record,
-//                             printing "got N" before and "rel N" after the
-//                             release
-// Each prints "ready 0" once the queue is open. Record N holds N in 8 bytes
-// and then N % 300 bytes of a pattern of N, so that a record cut, shifted or
-// mixed with another is seen. Exit codes: 1 usage, 2 the queue did not open,
-// 3 a call failed or a record was wrong (with a line saying which).
+// One side of a paged queue until it is killed: "queuepeer send QUEUE" sends
+// records from the count the queue holds on; "queuepeer receive QUEUE"
+// receives, checks and releases, printing "got N" before and "rel N" after
+// each release. Both print "ready 0" once the queue is open. Record N is N in
+// 8 bytes and N % 300 bytes of a pattern of N. Exit codes: 1 usage, 2 the
+// queue did not open, 3 a call failed or a record was wrong (with a line).
 #include "core/byteorder.h"
 #include "persistent/pagedqueue.h"
 #include "persistent/spoolstatefile.h"
@@ -57,16 +53,13 @@ int sender(PagedQueue& queue, const QString& path)
 
 int receiver(PagedQueue& queue)
 {
-    for (;;) {
-        Extent data;
+    for (Extent data;;) {
         const PagedQueue::Result result = queue.receive(data);
         if (result == PagedQueue::eTryAgain)
             continue;
-        if (result != PagedQueue::eOk)
-            return say("receive failed", quint64(result)), 3;
-        const quint64 number = data.size() >= 8 ? ByteOrder::load64(data.data()) : 0;
-        if (data.toQByteArray() != record(number))
-            return say("wrong record", number), 3;
+        const quint64 number = result == PagedQueue::eOk && data.size() >= 8 ? ByteOrder::load64(data.data()) : 0;
+        if (result != PagedQueue::eOk || data.toQByteArray() != record(number))
+            return say("wrong record or result", result == PagedQueue::eOk ? number : quint64(result)), 3;
         say("got", number);
         if (queue.release() != PagedQueue::eOk)
             return say("release failed", number), 3;
