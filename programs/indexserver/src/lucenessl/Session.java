@@ -91,8 +91,8 @@ final class Session {
     private final ServerTrace trace;
     private final ReplyWriter out;
     private final Analyzers analyzers = new Analyzers();
-    private final Map<String, FieldSpec> names = new HashMap<>();
-    private final Map<String, FieldSpec> tags = new HashMap<>();
+    private final Map<String, FieldSetup> names = new HashMap<>();
+    private final Map<String, FieldSetup> tags = new HashMap<>();
     private String defaultField = "";
     private IndexStore.Index index;
     private Search search;
@@ -224,11 +224,11 @@ final class Session {
             if (clause.name.equals("De") && values.size() == 1) {
                 defaultField = values.get(0);
             } else if (clause.name.equals("Fd") && values.size() == 2) {
-                FieldSpec spec = new FieldSpec(values.get(1));
+                FieldSetup setup = new FieldSetup(values.get(1));
                 if (!clause.tag().isEmpty())
-                    tags.put(clause.tag(), spec);
+                    tags.put(clause.tag(), setup);
                 else
-                    names.put(values.get(0), spec);
+                    names.put(values.get(0), setup);
             } else if (!clause.name.equals("ESO")) {
                 throw new Refusal("Unexpected field option " + clause);
             }
@@ -237,13 +237,13 @@ final class Session {
                      tags.size() + " tags");
     }
 
-    private FieldSpec spec(String name, String tag) {
-        FieldSpec spec = tag.isEmpty() ? null : tags.get(tag);
-        if (spec == null)
-            spec = names.get(name);
-        if (spec == null)
-            spec = names.get("Default");
-        return spec != null ? spec : FieldSpec.DEFAULT;
+    private FieldSetup setup(String name, String tag) {
+        FieldSetup setup = tag.isEmpty() ? null : tags.get(tag);
+        if (setup == null)
+            setup = names.get(name);
+        if (setup == null)
+            setup = names.get("Default");
+        return setup != null ? setup : FieldSetup.DEFAULT;
     }
 
     private void open(Command command) throws Refusal, IOException {
@@ -305,34 +305,34 @@ final class Session {
             List<String> values = clause.quoted();
             if (values.size() != 2)
                 throw new Refusal("A field takes a name and a value: " + clause);
-            addField(document, spec(values.get(0), clause.tag()), values.get(0), values.get(1));
+            addField(document, setup(values.get(0), clause.tag()), values.get(0), values.get(1));
         }
         if (document.getFields().isEmpty())
             throw new Refusal("A document needs a field");
         return document;
     }
 
-    private void addField(Document document, FieldSpec spec, String name, String value) throws Refusal, IOException {
+    private void addField(Document document, FieldSetup setup, String name, String value) throws Refusal, IOException {
         if (name.isEmpty())
             throw new Refusal("A field needs a name");
-        if (spec.binary) {
-            if (spec.stored)
+        if (setup.binary) {
+            if (setup.stored)
                 document.add(new StoredField(name, value.getBytes(StandardCharsets.UTF_8)));
             return;
         }
-        Field.Store store = spec.stored ? Field.Store.YES : Field.Store.NO;
-        if (spec.numeric) {
-            if (spec.isLong())
+        Field.Store store = setup.stored ? Field.Store.YES : Field.Store.NO;
+        if (setup.numeric) {
+            if (setup.isLong())
                 document.add(new LongField(name, longValue(name, value), store));
             else
                 document.add(new IntField(name, intValue(name, value), store));
-        } else if (spec.analysed()) {
-            document.add(new Field(name, new ReplayTokens(analyzers.get(spec.analyzer), name, value),
+        } else if (setup.analysed()) {
+            document.add(new Field(name, new ReplayTokens(analyzers.get(setup.analyzer), name, value),
                                    TextField.TYPE_NOT_STORED));
-            if (spec.stored)
+            if (setup.stored)
                 document.add(new StoredField(name, value));
         } else {
-            document.add(new Field(name, value, spec.stored ? KEYWORD_STORED : KEYWORD));
+            document.add(new Field(name, value, setup.stored ? KEYWORD_STORED : KEYWORD));
         }
     }
 
@@ -444,28 +444,28 @@ final class Session {
         if (name.isEmpty()) {
             if (commandDefault.isEmpty())
                 throw new Refusal("No default field for query text");
-            return parse(commandDefault, spec(commandDefault, tag), value);
+            return parse(commandDefault, setup(commandDefault, tag), value);
         }
-        FieldSpec spec = spec(name, tag);
-        if (spec.binary)
+        FieldSetup setup = setup(name, tag);
+        if (setup.binary)
             throw new Refusal("A binary field cannot be searched: " + name);
-        if (spec.numeric) {
-            if (spec.isLong()) {
+        if (setup.numeric) {
+            if (setup.isLong()) {
                 long number = longValue(name, value);
                 return NumericRangeQuery.newLongRange(name, number, number, true, true);
             }
             int number = intValue(name, value);
             return NumericRangeQuery.newIntRange(name, number, number, true, true);
         }
-        if (spec.analysed())
-            return parse(name, spec, value);
+        if (setup.analysed())
+            return parse(name, setup, value);
         if (value.indexOf('*') >= 0 || value.indexOf('?') >= 0)
             return new WildcardQuery(new Term(name, value));
         return new TermQuery(new Term(name, value));
     }
 
-    private Query parse(String field, FieldSpec spec, String text) throws Refusal {
-        QueryParser parser = new QueryParser(field, analyzers.get(spec.analysed() ? spec.analyzer : 0));
+    private Query parse(String field, FieldSetup setup, String text) throws Refusal {
+        QueryParser parser = new QueryParser(field, analyzers.get(setup.analysed() ? setup.analyzer : 0));
         parser.setAllowLeadingWildcard(true);
         try {
             return parser.parse(text);
@@ -475,11 +475,11 @@ final class Session {
     }
 
     private Query range(String tag, String name, String low, String high) throws Refusal {
-        FieldSpec spec = spec(name, tag);
-        if (spec.binary)
+        FieldSetup setup = setup(name, tag);
+        if (setup.binary)
             throw new Refusal("A binary field cannot be searched: " + name);
-        if (spec.numeric) {
-            if (spec.isLong())
+        if (setup.numeric) {
+            if (setup.isLong())
                 return NumericRangeQuery.newLongRange(name, low.isEmpty() ? null : longValue(name, low),
                                                       high.isEmpty() ? null : longValue(name, high), true, true);
             return NumericRangeQuery.newIntRange(name, low.isEmpty() ? null : intValue(name, low),
@@ -495,9 +495,9 @@ final class Session {
             if (!clause.name.equals("So") || clause.quoted().size() != 1)
                 continue;
             String name = clause.quoted().get(0);
-            FieldSpec spec = spec(name, clause.tag());
-            if (spec.numeric)
-                fields.add(new SortField(name, spec.isLong() ? FieldCache.NUMERIC_UTILS_LONG_PARSER
+            FieldSetup setup = setup(name, clause.tag());
+            if (setup.numeric)
+                fields.add(new SortField(name, setup.isLong() ? FieldCache.NUMERIC_UTILS_LONG_PARSER
                                                              : FieldCache.NUMERIC_UTILS_INT_PARSER));
             else
                 fields.add(new SortField(name, SortField.Type.STRING));
@@ -523,8 +523,8 @@ final class Session {
             String options = clause.tag();
             next.scores = options.indexOf('S') >= 0;
             distinct = options.indexOf('D') >= 0;
-            next.perPage = FieldSpec.optionValue(options, 'P');
-            maximum = FieldSpec.optionValue(options, 'M');
+            next.perPage = FieldSetup.optionValue(options, 'P');
+            maximum = FieldSetup.optionValue(options, 'M');
             next.fields.addAll(clause.quoted());
         }
         if (!next.fields.isEmpty())

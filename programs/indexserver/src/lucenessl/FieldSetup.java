@@ -7,11 +7,11 @@ package lucenessl;
  * keeps the whole value as one term), B binary (stored only), N numeric (the
  * value is a number, indexed as one), U not stored.
  */
-final class FieldSpec {
+final class FieldSetup {
     static final int TEXT = 0;
     static final int INT64 = 2;
 
-    static final FieldSpec DEFAULT = new FieldSpec("");
+    static final FieldSetup DEFAULT = new FieldSetup("");
 
     final String options;
     final int type;
@@ -20,7 +20,7 @@ final class FieldSpec {
     final boolean numeric;
     final boolean stored;
 
-    FieldSpec(String options) {
+    FieldSetup(String options) {
         this.options = options;
         int value = optionValue(options, 'V');
         type = value <= 5 ? value : TEXT;
