@@ -63,12 +63,10 @@ typedef std::array<char, RecordSize> Record;
 
 QString scratch()
 {
-    static QTemporaryDir* directory = nullptr;
-    if (!directory) {
-        const char* base = std::getenv("BREVI_BENCH_DIR");
-        directory = new QTemporaryDir((base ? QString::fromLocal8Bit(base) : QDir::tempPath()) + "/paged_bench-XXXXXX");
-    }
-    return directory->path();
+    // Removed with everything in it when the program ends.
+    static const char* const base = std::getenv("BREVI_BENCH_DIR");
+    static QTemporaryDir directory((base ? QString::fromLocal8Bit(base) : QDir::tempPath()) + "/paged_bench-XXXXXX");
+    return directory.path();
 }
 
 const std::vector<Record>& records()
