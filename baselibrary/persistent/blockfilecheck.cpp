@@ -3,6 +3,7 @@
 #include "core/byteorder.h"
 #include "core/extent.h"
 #include "persistent/blocklayout.h"
+#include "persistent/journaledfile.h"
 #include "persistent/rawfile.h"
 
 #include <QSet>
@@ -41,13 +42,7 @@ private:
 };
 
 // Reads `count` bytes at `offset`; true only when all of them came.
-bool readAt(RawFile& file, quint64 offset, void* data, unsigned count)
-{
-    if (!file.setPosition(qint64(offset), RawFile::eStart))
-        return false;
-    Extent extent(data, count);
-    return file.read(extent) && extent.available() == 0;
-}
+bool readAt(JournaledFile& file, quint64 offset, void* data, unsigned count) { return file.read(offset, data, count); }
 
 QString hex(quint64 value) { return "0x" + QString::number(value, 16); }
 
@@ -83,8 +78,8 @@ private:
 
 void checkFreeList(const QString& path, BlockFileReport& report)
 {
-    RawFile file(path + BlockLayout::FreeListSuffix, RawFile::eReadOnly);
-    if (!file) {
+    JournaledFile file(path, JournalLayout::FreeListFile);
+    if (!file.isOpen()) {
         report.problems << "cannot open the free list " + path + BlockLayout::FreeListSuffix;
         return;
     }
@@ -112,7 +107,7 @@ void checkFreeList(const QString& path, BlockFileReport& report)
         return;
     }
 
-    RawFile blocks(path, RawFile::eReadOnly);
+    JournaledFile blocks(path, JournalLayout::BlockFile);
     std::vector<unsigned char> entryBlock(BlockLayout::FreeListBlockSize);
     std::vector<unsigned char> data(report.blockSize);
     PlaceSet seen(report.totalBlockCount);
@@ -144,7 +139,7 @@ void checkFreeList(const QString& path, BlockFileReport& report)
         // A block is zeroed on disk before it is listed, and nothing writes a
         // listed block: a free block that is not all zero has been written
         // after it was freed.
-        if (blocks && report.fileSize >= (place + 1) * report.blockSize) {
+        if (blocks.isOpen() && report.fileSize >= (place + 1) * report.blockSize) {
             if (!readAt(blocks, place * report.blockSize, data.data(), report.blockSize)) {
                 faults.add(QString("cannot read free block %1").arg(place));
             } else if (data[0] != 0 || std::memcmp(data.data(), data.data() + 1, data.size() - 1) != 0) {
@@ -161,11 +156,12 @@ void checkFreeList(const QString& path, BlockFileReport& report)
 bool BlockFileCheck::checkBlockFile(const QString& path, BlockFileReport& report)
 {
     report = BlockFileReport();
-    RawFile file(path, RawFile::eReadOnly);
-    if (!file) {
+    JournaledFile file(path, JournalLayout::BlockFile);
+    if (!file.isOpen()) {
         report.problems << "cannot open " + path;
         return false;
     }
+    report.journalTransactions = file.transactions();
     report.fileSize = file.size();
     unsigned char record[BlockLayout::ControlSize];
     if (!readAt(file, 0, record, sizeof(record))) {

@@ -49,6 +49,10 @@ public:
     }
 
 private:
+    // Blocks holds the free list's changes in its own transactions, and puts
+    // the count back when one is undone.
+    friend class Blocks;
+
     bool flushControl();
     // The block holding entry number `entry`, got or made.
     void* entryBlock(quint64 entry);

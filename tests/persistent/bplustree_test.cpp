@@ -10,6 +10,7 @@
 #include "persistent/bplustreelayout.h"
 
 #include "persistenttest.h"
+#include "treerecord.h"
 
 #include <QFile>
 #include <QRegExp>
@@ -25,55 +26,7 @@ using namespace Brevi;
 
 namespace {
 
-// A record: the key's id in its first 4 bytes, then bytes made from id and
-// version. Two keys are equal when their ids are.
-class RecordKey : public Key
-{
-public:
-    RecordKey(quint32 hashWord, quint32 id, unsigned size, quint32 version = 0)
-        : moHash(hashWord)
-        , muiId(id)
-        , muiSize(size)
-        , muiVersion(version)
-    {}
-
-    static QByteArray content(quint32 id, quint32 version, unsigned size)
-    {
-        QByteArray bytes(int(size), 0);
-        unsigned char idBytes[4];
-        ByteOrder::store32(idBytes, id);
-        for (unsigned i = 0; i < size; ++i)
-            bytes[int(i)] = char(i < 4 ? idBytes[i] : (id * 31 + version * 17 + i) & 0xff);
-        return bytes;
-    }
-
-    void setHash(const KeyHash& hash) override { moHash = hash; }
-    KeyHash hash() const override { return moHash; }
-    unsigned size() const override { return muiSize; }
-    void store(KeyData& data) const override
-    {
-        const QByteArray bytes = content(muiId, muiVersion, muiSize);
-        std::memcpy(data.data(), bytes.constData(), muiSize);
-    }
-    void load(const KeyData& data) override
-    {
-        moLoaded = QByteArray(reinterpret_cast<char*>(data.data()), int(data.size()));
-    }
-    bool equal(const KeyData& data) const override
-    {
-        return data.size() >= 4 ? ByteOrder::load32(data.data()) == muiId : data.size() == muiSize;
-    }
-    void display(const KeyData& data) const override
-    {
-        BREVI_TRACE(TraceModuleApplication, TraceAlways) << "record of" << data.size() << "bytes";
-    }
-
-    KeyHash moHash;
-    quint32 muiId;
-    unsigned muiSize;
-    quint32 muiVersion;
-    QByteArray moLoaded;
-};
+using PersistentTest::RecordKey;
 
 class BPlusTreeTest : public PersistentTest::Fixture
 {
@@ -164,6 +117,7 @@ TEST_F(BPlusTreeTest, OperationsOnAClosedTreeFailWithNotOpen)
     // Opening another tree closes the first; assignment shares the open one.
     BPlusTree other;
     ASSERT_TRUE(other.create(path("other"), 256));
+    ASSERT_TRUE(other.close());
     ASSERT_TRUE(tree.open(path("other")));
     EXPECT_FALSE(tree.find(key));
     other = tree;
