@@ -13,7 +13,7 @@ const unsigned TraceModule = TraceModuleBlocks;
 // this many bytes the files are synced and it starts again from its front.
 // Without syncing there is nothing to wait for, and it starts again at every
 // commit.
-const quint64 JournalRestartBytes = 4u * 1024 * 1024;
+const quint64 JournalRestartBytes = 1024 * 1024;
 } // namespace
 
 Blocks::Blocks(unsigned cacheSize)

@@ -5,6 +5,8 @@
 #include "core/trace.h"
 #include "persistent/blocklayout.h"
 
+#include <QFileInfo>
+
 #include <chrono>
 #include <cstring>
 #include <random>
@@ -88,17 +90,19 @@ bool Journal::open(const QString& blockFilePath)
 {
     close();
     msBlockFilePath = blockFilePath;
-    if (!moFile.create(blockFilePath + Suffix, RawFile::eReadWrite)) {
+    mullPosition = 0;
+    mullSequence = randomSequence();
+    // Made by the first transaction: a file that is only read gets none.
+    if (QFileInfo::exists(blockFilePath + Suffix) && !moFile.open(blockFilePath + Suffix, RawFile::eReadWrite)) {
         BTRACE(TraceAlways) << "Failed to open journal" << blockFilePath + Suffix;
         return false;
     }
-    mullPosition = 0;
-    mullSequence = randomSequence();
     return true;
 }
 
 bool Journal::close()
 {
+    msBlockFilePath.clear();
     if (!moFile)
         return false;
     return moFile.close();
@@ -107,7 +111,14 @@ bool Journal::close()
 bool Journal::empty(bool synchronous)
 {
     mullPosition = 0;
-    if (!moFile.truncate(0, false) || (synchronous && !moFile.sync())) {
+    if (!moFile)
+        return true;
+    // A header without its magic ends the run at once. The file keeps its
+    // length: writing over blocks it already has spares the file system a
+    // change of size at every synchronous commit.
+    const unsigned char nothing[HeaderSize] = {};
+    if (!moFile.setPosition(0, RawFile::eStart) || moFile.write(nothing, HeaderSize) != HeaderSize ||
+        (synchronous && !moFile.sync())) {
         BTRACE(TraceAlways) << "Failed to empty journal" << moFile.path();
         return false;
     }
@@ -116,12 +127,18 @@ bool Journal::empty(bool synchronous)
 
 bool Journal::append(const std::vector<JournalChange>& changes, bool synchronous)
 {
-    if (!moFile)
+    if (msBlockFilePath.isEmpty())
         return false;
+    if (!moFile && !moFile.create(msBlockFilePath + Suffix, RawFile::eReadWrite)) {
+        BTRACE(TraceAlways) << "Failed to make journal" << msBlockFilePath + Suffix;
+        return false;
+    }
     size_t total = HeaderSize + CommitSize;
     for (const JournalChange& change : changes)
         total += RecordSize + (change.kind == KindBytes ? padded(change.length) : 0);
-    moBuffer.resize(total);
+    // Grown, never shrunk: a resize up would clear what it adds every time.
+    if (moBuffer.size() < total)
+        moBuffer.resize(total);
     unsigned char* buffer = moBuffer.data();
 
     std::memset(buffer, 0, HeaderSize);

@@ -53,11 +53,10 @@ public:
     Journal(const Journal&) = delete;
     Journal& operator=(const Journal&) = delete;
 
-    // Opens the journal of the block file at `blockFilePath`, making it if it
-    // is not there. What it holds stays until recover() or empty().
+    // Opens the journal of the block file at `blockFilePath`; the file is made
+    // by the first append(). What it holds stays until recover() or empty().
     bool open(const QString& blockFilePath);
     bool close();
-    bool isOpen() const { return bool(moFile); }
 
     // Writes every complete transaction the journal holds into the block file
     // and its free list, in order, and then empties the journal; `replayed`
@@ -71,7 +70,8 @@ public:
     // The next transaction goes to the start of the file again. Only for when
     // every transaction appended so far is in the files themselves.
     void restart() { mullPosition = 0; }
-    // Truncates the file to nothing (and waits for the disk when asked).
+    // Leaves the journal holding no transaction (and waits for the disk when
+    // asked).
     bool empty(bool synchronous);
     // Bytes appended since the last restart.
     quint64 size() const { return mullPosition; }

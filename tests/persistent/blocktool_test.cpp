@@ -131,7 +131,9 @@ TEST_F(BlockToolTest, RepairReclaimsTheBlocksATreeHasLost)
     }
     BPlusTreeReport report;
     BPlusTreeCheck::checkTreeFile(file, report);
-    const quint64 leaf = ByteOrder::load64(fileBytes(file, qint64(report.rootId * 256 + 16), 8).constData());
+    quint64 leaf = report.rootId;
+    while (!(ByteOrder::load32(fileBytes(file, qint64(leaf * 256), 4).constData()) & BPlusTreeLayout::FlagLeaf))
+        leaf = ByteOrder::load64(fileBytes(file, qint64(leaf * 256 + 16), 8).constData());
     const QByteArray first = fileBytes(file, qint64(leaf * 256 + 32), 8);
     patch(file, qint64(leaf * 256 + 32), fileBytes(file, qint64(leaf * 256 + 48), 8));
     patch(file, qint64(leaf * 256 + 48), first);
@@ -139,6 +141,7 @@ TEST_F(BlockToolTest, RepairReclaimsTheBlocksATreeHasLost)
     repair = runTool({"repair", file});
     EXPECT_EQ(repair.exitCode, 1);
     EXPECT_TRUE(repair.output.contains("nothing changed")) << repair.output.toStdString();
+    EXPECT_TRUE(repair.output.contains("out of order")) << repair.output.toStdString();
     EXPECT_EQ(fileBytes(file), damaged);
     EXPECT_EQ(runTool({"repair", path("none")}).exitCode, 2);
 }
