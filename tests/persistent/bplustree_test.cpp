@@ -27,6 +27,7 @@ using namespace Brevi;
 namespace {
 
 using PersistentTest::RecordKey;
+using PersistentTest::sound;
 
 class BPlusTreeTest : public PersistentTest::Fixture
 {
@@ -49,13 +50,6 @@ protected:
         patch(path(name), qint64(offset), QByteArray(static_cast<const char*>(bytes), int(count)));
     }
 };
-
-::testing::AssertionResult sound(const BPlusTreeReport& report)
-{
-    if (report.sound())
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "tree not sound: " << report.problems.join("; ").toStdString();
-}
 
 } // namespace
 
@@ -510,33 +504,6 @@ TEST_F(BPlusTreeTest, SmallestBlockHoldsEmptyRecords)
 // ---------------------------------------------------------------------------
 // Damaged files.
 
-TEST_F(BPlusTreeTest, HeaderWithoutRootIsRefused)
-{
-    {
-        BPlusTree tree;
-        ASSERT_TRUE(tree.create(path("tree"), 512));
-    }
-    const quint64 zero = 0;
-    writeBytes("tree", 512, &zero, sizeof zero);
-    BPlusTree tree;
-    newLines();
-    EXPECT_FALSE(tree.open(path("tree")));
-    EXPECT_FALSE(tree);
-    EXPECT_EQ(tree.lastError(), BPlusTree::eFileError);
-    EXPECT_TRUE(traced("No root node"));
-    const BPlusTreeReport report = check();
-    EXPECT_FALSE(report.sound());
-    EXPECT_EQ(report.rootId, 0u);
-
-    // A root beyond the end of the file: the block file says so.
-    const quint64 far = 1u << 30;
-    writeBytes("tree", 512, &far, sizeof far);
-    EXPECT_FALSE(tree.open(path("tree")));
-    EXPECT_EQ(tree.lastError(), BPlusTree::eFileError);
-    EXPECT_TRUE(traced("not in file"));
-    EXPECT_FALSE(check().sound());
-}
-
 TEST_F(BPlusTreeTest, DamagedNodesFailTheOperationNotTheProcess)
 {
     std::vector<RecordKey> keys;
@@ -564,9 +531,11 @@ TEST_F(BPlusTreeTest, DamagedNodesFailTheOperationNotTheProcess)
         EXPECT_EQ(tree.lastError(), BPlusTree::eFileError);
         EXPECT_TRUE(traced("Corrupt node"));
         RecordKey fresh(0, 5000, 40);
+        const QByteArray damaged = fileBytes(path("tree"));
         EXPECT_FALSE(tree.insert(fresh));
         EXPECT_FALSE(tree.remove(keys.front()));
         EXPECT_EQ(tree.lastError(), BPlusTree::eFileError);
+        EXPECT_EQ(fileBytes(path("tree")), damaged) << "what failed changed nothing";
         EXPECT_TRUE(tree.find(keys.back())) << "other leaves still answer";
     }
     EXPECT_FALSE(check().sound());
@@ -591,6 +560,16 @@ TEST_F(BPlusTreeTest, DamagedNodesFailTheOperationNotTheProcess)
     BPlusTree tree;
     EXPECT_FALSE(tree.open(path("tree")));
     EXPECT_EQ(tree.lastError(), BPlusTree::eFileError);
+
+    // A header without a root, and one whose root lies beyond the file.
+    for (const quint64 root : {quint64(0), quint64(1) << 30}) {
+        writeBytes("tree", 256, &root, sizeof root);
+        newLines();
+        EXPECT_FALSE(tree.open(path("tree")));
+        EXPECT_FALSE(tree);
+        EXPECT_TRUE(traced(root ? "not in file" : "No root node"));
+        EXPECT_FALSE(check().sound());
+    }
 }
 
 TEST_F(BPlusTreeTest, RandomDamageNeverCrashesOrHangs)
