@@ -421,16 +421,7 @@ bool BlockCache::flushBlock(Block* block)
         return true;
     // The data of a failed write are gone: dirty is cleared all the same.
     block->bDirty = false;
-    if (!positionTo(block->ullId)) {
-        BTRACE(TraceAlways) << msShortName << "Failed to position to write block" << block->ullId;
-        return false;
-    }
-    const Extent extent(block->data(), muiBlockSize);
-    if (!moFile.write(extent) || extent.available() != 0) {
-        BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << block->ullId;
-        return false;
-    }
-    return true;
+    return writeAt(block->ullId, block->data());
 }
 
 quint64 BlockCache::freeBlock(const void* data)
@@ -649,15 +640,15 @@ void BlockCache::heldChanges(std::vector<JournalChange>& changes, unsigned file)
     }
 }
 
-bool BlockCache::writeAt(quint64 place, const void* data)
+bool BlockCache::writeAt(quint64 id, const void* data)
 {
-    if (!positionTo(place)) {
-        BTRACE(TraceAlways) << msShortName << "Failed to position to write block" << place;
+    if (!positionTo(id)) {
+        BTRACE(TraceAlways) << msShortName << "Failed to position to write block" << id;
         return false;
     }
     const Extent extent(data, muiBlockSize);
     if (!moFile.write(extent) || extent.available() != 0) {
-        BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << place;
+        BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << id;
         return false;
     }
     return true;

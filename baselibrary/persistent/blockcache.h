@@ -171,7 +171,8 @@ private:
     void holdBlock(Block* block);
     void holdZeros(Block* block);
     void unpin(Block* block);
-    bool writeAt(quint64 place, const void* data);
+    // Writes a block's bytes at the place of `id`.
+    bool writeAt(quint64 id, const void* data);
 
     bool mbWriteThrough;
     unsigned muiCacheSize;
