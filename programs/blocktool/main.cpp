@@ -99,8 +99,12 @@ int main(int argc, char** argv)
         return ExitUnusable;
     }
     const QString& path = arguments[1];
-    if (arguments[0] == "repair")
-        return QFile::exists(path) ? repair(out, path) : ExitUnusable;
+    if (arguments[0] == "repair") {
+        if (QFile::exists(path))
+            return repair(out, path);
+        err << path << ": no such file\n";
+        return ExitUnusable;
+    }
     BlockFileReport report;
     bool sound = BlockFileCheck::checkBlockFile(path, report);
     if (arguments[0] == "stat") {
