@@ -42,7 +42,7 @@ struct BlockCache::Block {
 BlockCache::BlockCache(unsigned cacheSize, bool writeThrough)
     : mbWriteThrough(writeThrough)
     , muiCacheSize(cacheSize)
-{ }
+{}
 
 BlockCache::~BlockCache()
 {
@@ -139,8 +139,8 @@ BlockCache::Block* BlockCache::validBlock(const void* data) const
     bool valid = block->uiGuard == GuardWord && moHash.value(block->ullId) == block;
     if (valid) {
         unsigned trailer;
-        std::memcpy(
-            &trailer, reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned), sizeof(unsigned));
+        std::memcpy(&trailer, reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned),
+                    sizeof(unsigned));
         valid = trailer == GuardWord;
     }
     if (!valid) {
@@ -168,8 +168,8 @@ void BlockCache::fillHeader(Block* block, quint64 id)
     block->poNext = nullptr;
     block->poPrevious = nullptr;
     block->ullId = id;
-    std::memcpy(
-        reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned), &GuardWord, sizeof(unsigned));
+    std::memcpy(reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned), &GuardWord,
+                sizeof(unsigned));
 }
 
 void BlockCache::releaseBlock(Block* block)
@@ -179,12 +179,13 @@ void BlockCache::releaseBlock(Block* block)
     std::free(block);
 }
 
-bool BlockCache::positionTo(quint64 id)
+bool BlockCache::placeOf(quint64 id, quint64& position) const
 {
     const quint64 index = id & mullIdMask;
     if (index > quint64(std::numeric_limits<qint64>::max()) / muiBlockSize)
         return false;
-    return moFile.setPosition(qint64(index * muiBlockSize), RawFile::eStart);
+    position = index * muiBlockSize;
+    return true;
 }
 
 void BlockCache::checkInvariant() const
@@ -247,14 +248,15 @@ void* BlockCache::getBlock(quint64 id)
     if (!block)
         return nullptr;
     fillHeader(block, id);
-    if (!positionTo(id)) {
+    quint64 position = 0;
+    if (!placeOf(id, position)) {
         BTRACE(TraceAlways) << msShortName << "Unable to position to block" << (id & mullIdMask);
         releaseBlock(block);
         return nullptr;
     }
-    Extent extent(block->data(), muiBlockSize);
-    moFile.read(extent);
-    if (extent.available() != 0) {
+    // One pread: the file position is nobody's state, so a miss costs one
+    // system call.
+    if (moFile.readAt(position, block->data(), muiBlockSize) != muiBlockSize) {
         BTRACE(TraceAlways) << msShortName << "Block" << id << "not in file";
         releaseBlock(block);
         return nullptr;
@@ -326,11 +328,11 @@ void* BlockCache::newBlock(quint64 id)
         holdBlock(block);
     } else if (mbWriteThrough) {
         bool written = false;
-        if (!positionTo(id)) {
+        quint64 position = 0;
+        if (!placeOf(id, position)) {
             BTRACE(TraceAlways) << msShortName << "Failed to position to new block" << id;
         } else {
-            const Extent extent(block->data(), muiBlockSize);
-            written = moFile.write(extent) && extent.available() == 0;
+            written = moFile.writeAt(position, block->data(), muiBlockSize) == muiBlockSize;
             if (!written)
                 BTRACE(TraceAlways) << msShortName << "Failed to write new block" << id;
         }
@@ -402,12 +404,12 @@ bool BlockCache::updateBlock(const void* data)
         block->bDirty = true;
         return true;
     }
-    if (!positionTo(block->ullId)) {
+    quint64 position = 0;
+    if (!placeOf(block->ullId, position)) {
         BTRACE(TraceAlways) << msShortName << "Failed to position for write" << block->ullId;
         return false;
     }
-    const Extent extent(block->data(), muiBlockSize);
-    if (!moFile.write(extent) || extent.available() != 0) {
+    if (moFile.writeAt(position, block->data(), muiBlockSize) != muiBlockSize) {
         BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << block->ullId;
         return false;
     }
@@ -436,11 +438,11 @@ quint64 BlockCache::freeBlock(const void* data)
     block->bDirty = false;
     if (mbHolding) {
         holdZeros(block);
-    } else if (!positionTo(id)) {
-        BTRACE(TraceAlways) << msShortName << "Failed to position for zero freed block" << id;
     } else {
-        const Extent extent(moZeroBlock.data(), muiBlockSize);
-        if (!moFile.write(extent) || extent.available() != 0)
+        quint64 position = 0;
+        if (!placeOf(id, position))
+            BTRACE(TraceAlways) << msShortName << "Failed to position for zero freed block" << id;
+        else if (moFile.writeAt(position, moZeroBlock.data(), muiBlockSize) != muiBlockSize)
             BTRACE(TraceAlways) << msShortName << "Failed to zero freed block" << id;
     }
     if (block->uiRefCount == 0) {
@@ -642,12 +644,12 @@ void BlockCache::heldChanges(std::vector<JournalChange>& changes, unsigned file)
 
 bool BlockCache::writeAt(quint64 id, const void* data)
 {
-    if (!positionTo(id)) {
+    quint64 position = 0;
+    if (!placeOf(id, position)) {
         BTRACE(TraceAlways) << msShortName << "Failed to position to write block" << id;
         return false;
     }
-    const Extent extent(data, muiBlockSize);
-    if (!moFile.write(extent) || extent.available() != 0) {
+    if (moFile.writeAt(position, data, muiBlockSize) != muiBlockSize) {
         BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << id;
         return false;
     }
@@ -702,13 +704,21 @@ bool BlockCache::dropHeld()
         // behind it again.
         block->bDiscard = false;
         block->bDirty = false;
-        Extent extent(block->data(), muiBlockSize);
-        if (!positionTo(block->ullId) || !moFile.read(extent)) {
+        quint64 position = 0;
+        size_t read = 0;
+        if (!placeOf(block->ullId, position)) {
             BTRACE(TraceAlways) << msShortName << "Failed to read block" << block->ullId << "again";
             restored = false;
+        } else {
+            read = moFile.readAt(position, block->data(), muiBlockSize);
+            // Short without an error: the end of the file.
+            if (read != muiBlockSize && moFile.lastError() != 0) {
+                BTRACE(TraceAlways) << msShortName << "Failed to read block" << block->ullId << "again";
+                restored = false;
+            }
         }
         // A block made beyond the end of the file reads as the zeros it was.
-        std::memset(extent.at(), 0, extent.available());
+        std::memset(block->data() + read, 0, muiBlockSize - read);
     }
     moHeld.clear();
     moHeldControl.clear();

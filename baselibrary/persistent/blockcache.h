@@ -157,7 +157,9 @@ private:
     void releaseBlock(Block* block);
     void lastReference(Block* block);
     bool flushBlock(Block* block);
-    bool positionTo(quint64 id);
+    // Where block `id` starts in the file; false when that lies beyond what
+    // a file offset can say.
+    bool placeOf(quint64 id, quint64& position) const;
     void addToLRU(Block* block);
     void removeFromLRU(Block* block);
     Block* discardedFromLRU();
