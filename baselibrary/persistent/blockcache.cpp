@@ -6,6 +6,7 @@
 
 #include <QFile>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -30,6 +31,8 @@ struct BlockCache::Block {
     unsigned uiRefCount;
     Block* poNext;
     Block* poPrevious;
+    // The next block in the same chain of the table.
+    Block* poHashNext;
     quint64 ullId;
 
     unsigned char* data() { return reinterpret_cast<unsigned char*>(this) + sizeof(Block); }
@@ -38,6 +41,80 @@ struct BlockCache::Block {
         return reinterpret_cast<Block*>(static_cast<unsigned char*>(const_cast<void*>(data)) - sizeof(Block));
     }
 };
+
+unsigned BlockCache::Table::bucketOf(quint64 id) const
+{
+    // Fibonacci hashing: the top bits of the product spread ids that differ
+    // only in their low bits, which is how block ids come.
+    return unsigned((id * 0x9e3779b97f4a7c15ull) >> uiShift);
+}
+
+BlockCache::Block* BlockCache::Table::value(quint64 id) const
+{
+    if (oBuckets.empty())
+        return nullptr;
+    Block* block = oBuckets[bucketOf(id)];
+    while (block && block->ullId != id)
+        block = block->poHashNext;
+    return block;
+}
+
+void BlockCache::Table::insert(Block* block)
+{
+    if (uiCount >= oBuckets.size()) {
+        // Twice the chains, at least 64: the blocks are relinked, not copied.
+        std::vector<Block*> old(std::max<size_t>(64, 2 * oBuckets.size()), nullptr);
+        old.swap(oBuckets);
+        uiShift = 64;
+        for (size_t n = oBuckets.size(); n > 1; n >>= 1)
+            --uiShift;
+        for (Block* chain : old) {
+            while (chain) {
+                Block* next = chain->poHashNext;
+                Block*& head = oBuckets[bucketOf(chain->ullId)];
+                chain->poHashNext = head;
+                head = chain;
+                chain = next;
+            }
+        }
+    }
+    Block*& head = oBuckets[bucketOf(block->ullId)];
+    block->poHashNext = head;
+    head = block;
+    ++uiCount;
+}
+
+void BlockCache::Table::remove(Block* block)
+{
+    if (oBuckets.empty())
+        return;
+    for (Block** link = &oBuckets[bucketOf(block->ullId)]; *link; link = &(*link)->poHashNext) {
+        if (*link == block) {
+            *link = block->poHashNext;
+            block->poHashNext = nullptr;
+            --uiCount;
+            return;
+        }
+    }
+}
+
+template <typename F>
+void BlockCache::Table::forEach(F f) const
+{
+    for (Block* chain : oBuckets) {
+        while (chain) {
+            Block* next = chain->poHashNext;
+            f(chain);
+            chain = next;
+        }
+    }
+}
+
+void BlockCache::Table::clear()
+{
+    std::fill(oBuckets.begin(), oBuckets.end(), nullptr);
+    uiCount = 0;
+}
 
 BlockCache::BlockCache(unsigned cacheSize, bool writeThrough)
     : mbWriteThrough(writeThrough)
@@ -167,6 +244,7 @@ void BlockCache::fillHeader(Block* block, quint64 id)
     block->uiRefCount = 1;
     block->poNext = nullptr;
     block->poPrevious = nullptr;
+    block->poHashNext = nullptr;
     block->ullId = id;
     std::memcpy(reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned), &GuardWord,
                 sizeof(unsigned));
@@ -230,7 +308,7 @@ void* BlockCache::getBlock(quint64 id)
             block = headFromLRU();
             if (block) {
                 flushBlock(block);
-                moHash.remove(block->ullId);
+                moHash.remove(block);
             } else {
                 traceBusy();
             }
@@ -241,7 +319,7 @@ void* BlockCache::getBlock(quint64 id)
             return block->data();
         }
         // A discarded block that someone still holds: its memory is read afresh.
-        moHash.remove(id);
+        moHash.remove(block);
     }
     if (!block)
         block = allocateBlock();
@@ -261,7 +339,7 @@ void* BlockCache::getBlock(quint64 id)
         releaseBlock(block);
         return nullptr;
     }
-    moHash.insert(id, block);
+    moHash.insert(block);
     checkInvariant();
     return block->data();
 }
@@ -303,7 +381,7 @@ void* BlockCache::newBlock(quint64 id)
             block = discardedFromLRU();
             if (block) {
                 BTRACE(TraceVerbose) << msShortName << "Remove discarded block" << block->ullId << "from cache";
-                moHash.remove(block->ullId);
+                moHash.remove(block);
             }
         } else {
             // The cache is write-through for every user that makes blocks, so
@@ -311,7 +389,7 @@ void* BlockCache::newBlock(quint64 id)
             block = headFromLRU();
             if (block) {
                 BTRACE(TraceVerbose) << msShortName << "Remove block" << block->ullId << "from cache";
-                moHash.remove(block->ullId);
+                moHash.remove(block);
             } else {
                 traceBusy();
             }
@@ -323,7 +401,7 @@ void* BlockCache::newBlock(quint64 id)
         return nullptr;
     fillHeader(block, id);
     std::memset(block->data(), 0, muiBlockSize);
-    moHash.insert(id, block);
+    moHash.insert(block);
     if (mbHolding) {
         holdBlock(block);
     } else if (mbWriteThrough) {
@@ -338,7 +416,7 @@ void* BlockCache::newBlock(quint64 id)
         }
         if (!written) {
             // Nothing may keep pointing at memory that is given back.
-            moHash.remove(id);
+            moHash.remove(block);
             releaseBlock(block);
             checkInvariant();
             return nullptr;
@@ -359,7 +437,7 @@ void BlockCache::lastReference(Block* block)
     if (muiCacheSize != 0) {
         addToLRU(block);
     } else {
-        moHash.remove(block->ullId);
+        moHash.remove(block);
         releaseBlock(block);
     }
 }
@@ -550,23 +628,20 @@ bool BlockCache::flush()
 {
     if (mbWriteThrough)
         return true;
-    for (Block* block : qAsConst(moHash))
-        flushBlock(block);
+    moHash.forEach([this](Block* block) { flushBlock(block); });
     return true;
 }
 
 void BlockCache::emptyCache()
 {
     // What a transaction left unwritten is forgotten, never written.
-    for (Block* block : qAsConst(moHash))
-        block->bHeld = false;
+    moHash.forEach([](Block* block) { block->bHeld = false; });
     moHeld.clear();
     muiHeldBlocks = 0;
     moHeldControl.clear();
     mbHolding = false;
     flush();
-    for (Block* block : qAsConst(moHash))
-        releaseBlock(block);
+    moHash.forEach([this](Block* block) { releaseBlock(block); });
     moHash.clear();
     // The list's blocks have gone with the hash.
     mpoLRUHead = mpoLRUTail = nullptr;
@@ -696,7 +771,7 @@ bool BlockCache::dropHeld()
         if (block->uiRefCount == 0) {
             if (listed)
                 removeFromLRU(block);
-            moHash.remove(block->ullId);
+            moHash.remove(block);
             releaseBlock(block);
             continue;
         }
