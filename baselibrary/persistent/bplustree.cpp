@@ -416,6 +416,15 @@ const Node* BPlusTree::visitNode(quint64 id, std::optional<Node>& held)
     return &*held;
 }
 
+bool BPlusTree::tooDeep(unsigned depth)
+{
+    if (depth < MaximumDepth)
+        return false;
+    BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
+    meLastError = eFileError;
+    return true;
+}
+
 const Node* BPlusTree::lookUp(const KeyHash& hash, unsigned& slot, int& iFindResult, std::optional<Node>& held)
 {
     const Node* node = mptBody->mptRoot.get();
@@ -423,11 +432,8 @@ const Node* BPlusTree::lookUp(const KeyHash& hash, unsigned& slot, int& iFindRes
         slot = node->findKey(iFindResult, hash);
         if (node->isLeaf())
             return node;
-        if (depth >= MaximumDepth) {
-            BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
-            meLastError = eFileError;
+        if (tooDeep(depth))
             return nullptr;
-        }
         node = visitNode(node->child(slot), held);
         if (!node)
             return nullptr;
@@ -448,11 +454,8 @@ BPlusTree::NodePtr BPlusTree::descend(const KeyHash& hash, unsigned& slot, int& 
         slot = node->findKey(iFindResult, hash);
         if (node->isLeaf())
             return node;
-        if (depth >= MaximumDepth) {
-            BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
-            meLastError = eFileError;
+        if (tooDeep(depth))
             return NodePtr();
-        }
         node = readNode(node->child(slot));
         if (!node)
             return NodePtr();
@@ -555,11 +558,8 @@ BPlusTree::InsertResult BPlusTree::insertKey(Key& key, const NodePtr& node, KeyH
     const unsigned slot = node->findKey(iFindResult, hash);
 
     if (!node->isLeaf()) {
-        if (depth >= MaximumDepth) {
-            BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
-            meLastError = eFileError;
+        if (tooDeep(depth))
             return eInsertFailed;
-        }
         NodePtr child = readNode(node->child(slot));
         if (!child)
             return eInsertFailed;
@@ -819,9 +819,7 @@ BPlusTree::DeleteResult BPlusTree::deleteKey(const Key& key, const NodePtr& node
         return eDeleteDone;
     }
 
-    if (depth >= MaximumDepth) {
-        BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
-        meLastError = eFileError;
+    if (tooDeep(depth)) {
         mullRebalanceId = 0;
         return eDeleteDone;
     }

@@ -170,6 +170,9 @@ private:
     // alone. visitNode() gives back what `held` had and puts node `id` there
     // (the root is never put there); null when it cannot be read.
     const Node* visitNode(quint64 id, std::optional<Node>& held);
+    // A descent that has gone `depth` levels down without a leaf is walking a
+    // cycle: traced, eFileError.
+    bool tooDeep(unsigned depth);
     const Node* lookUp(const KeyHash& hash, unsigned& slot, int& iFindResult, std::optional<Node>& held);
     void deleteNode(quint64 id);
     // Descends by the key's full KeyHash to mpoNode and muiSlot.
