@@ -3,9 +3,11 @@
 #include "hubconstants.h"
 #include "hublink.h"
 #include "hubmanager.h"
+#include "linkpoller.h"
 
 #include "core/context.h"
 #include "core/trace.h"
+#include "core/traceerrorcode.h"
 #include "messaging/datamsgpacket.h"
 #include "messaging/ipcpacket.h"
 #include "messaging/msgaddress.h"
@@ -13,7 +15,6 @@
 #include "messaging/msgpacket.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
-#include "sockets/tcpsocketselect.h"
 
 #include <boost/make_shared.hpp>
 
@@ -75,7 +76,7 @@ Hub::Hub(const HubOptions& options)
     , moRouter(moMachine, moProcesses)
     , moCreator(options.programsDirectory, options.port)
     , mpManager(new HubManager(*this))
-    , mpSelect(new TCPSocketSelect)
+    , mpPoller(new LinkPoller)
 {}
 
 Hub::~Hub()
@@ -112,6 +113,8 @@ bool Hub::listen()
         return false;
     }
     mpListener = std::move(listener);
+    ++muiListenerGeneration;
+    muiListenerWatched = 0;
     BTRACE(TraceAlways) << "Hub" << moMachine.fullName() << "listening on" << address;
     return true;
 }
@@ -485,7 +488,8 @@ void Hub::beginShutdown()
 
 int Hub::run()
 {
-    TCPSocketSelect& select = *mpSelect;
+    LinkPoller& poller = *mpPoller;
+    std::vector<LinkPoller::Ready> ready;
     std::vector<HubLink*> readable;
     std::vector<HubLink*> writable;
     for (;;) {
@@ -499,44 +503,50 @@ int Hub::run()
         if (mbShuttingDown && (moLinks.empty() || now() >= muiShutdownDeadline))
             break;
 
-        select.zero();
-        if (mpListener)
-            select.set(*mpListener, TCPSocketSelect::Read);
+        unsigned watching = 0;
+        if (mpListener) {
+            poller.watch(mpListener->socket(), muiListenerWatched, true, false, ListenerTag | muiListenerGeneration);
+            ++watching;
+        }
+        // Packets already read ahead from a socket are served at once: a
+        // wait cannot see them.
+        bool backlog = false;
         for (auto& item : moLinks) {
             HubLink& link = *item.second;
-            if (!paused(link))
-                select.set(*link.socket(), TCPSocketSelect::Read);
-            if (link.wantsWrite())
-                select.set(*link.socket(), TCPSocketSelect::Write);
+            const bool reading = !paused(link);
+            const bool writing = link.wantsWrite();
+            if (!poller.watch(link.socket()->socket(), link.watched(), reading, writing, item.first))
+                link.fail("its socket cannot be watched");
+            watching += reading || writing;
+            backlog = backlog || (reading && link.buffered() && !link.failed());
         }
         const unsigned wait = mbShuttingDown || moCreator.waiting() ? BusyWaitMs : IdleWaitMs;
-        if (!select.count()) {
+        if (!watching) {
             // Nothing to wait on (the listener is being set up again).
             Context::sleep(wait);
             checkTimers();
             continue;
         }
-        // Packets already read ahead from a socket are served at once.
-        bool backlog = false;
-        for (auto& item : moLinks)
-            backlog = backlog || (item.second->buffered() && !item.second->failed() && !paused(*item.second));
-        const TCPError result = select.wait(backlog ? 0 : wait);
         readable.clear();
         writable.clear();
         bool listenerReady = false;
-        if (result == eTCPErrorNone) {
-            for (auto& item : moLinks) {
-                HubLink& link = *item.second;
-                if (select.isSet(*link.socket(), TCPSocketSelect::Read))
-                    readable.push_back(&link);
-                if (select.isSet(*link.socket(), TCPSocketSelect::Write))
-                    writable.push_back(&link);
-            }
-            listenerReady = mpListener && select.isSet(*mpListener, TCPSocketSelect::Read);
-        } else if (result != eTCPErrorTimeout && result != eTCPErrorInterrupted) {
-            BTRACE(TraceAlways) << "Unexpected error waiting on select" << result;
-            select.display();
+        if (!poller.wait(backlog ? 0 : int(wait), ready)) {
+            BTRACE(TraceAlways) << "Unexpected error waiting for the links" << TraceErrorCode(errno);
             Context::sleep(BusyWaitMs);
+            ready.clear();
+        }
+        for (const LinkPoller::Ready& event : ready) {
+            if (event.tag & ListenerTag) {
+                listenerReady = mpListener && event.tag == (ListenerTag | muiListenerGeneration);
+                continue;
+            }
+            HubLink* link = this->link(unsigned(event.tag));
+            if (!link)
+                continue;
+            if (event.readable)
+                readable.push_back(link);
+            if (event.writable)
+                writable.push_back(link);
         }
         if (backlog)
             for (auto& item : moLinks) {

@@ -25,7 +25,7 @@ class HubManager;
 class IpcPacket;
 class MsgPacket;
 class TCPSocketListen;
-class TCPSocketSelect;
+class LinkPoller;
 
 // The Hub of one machine: one thread, one wait on all its sockets.
 //
@@ -136,8 +136,13 @@ private:
     ProcessCreator moCreator;
     std::unique_ptr<HubManager> mpManager;
     std::unique_ptr<TCPSocketListen> mpListener;
-    // Made once: its sets are large, and each turn only refills them.
-    std::unique_ptr<TCPSocketSelect> mpSelect;
+    // The wait on the listener and every link.
+    std::unique_ptr<LinkPoller> mpPoller;
+    // Tells the listener's events from a link's (whose tag is its serial),
+    // and each listener from the one before it.
+    static const quint64 ListenerTag = 1ull << 63;
+    quint64 muiListenerGeneration = 0;
+    unsigned muiListenerWatched = 0;
     std::map<unsigned, std::unique_ptr<HubLink>> moLinks;
     unsigned muiNextLink = 1;
     unsigned muiNextPacket = 1;
