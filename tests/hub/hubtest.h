@@ -55,7 +55,7 @@ public:
     int stop(int ms = 10000);
 
 private:
-    unsigned muiPort;
+    unsigned muiPort = 0;
     std::unique_ptr<ChildProcess> mpProcess;
     bool mbReady = false;
 };
