@@ -176,6 +176,7 @@ void Hub::deliverReady(const std::vector<Notifications::Post>& posts)
 
 void Hub::queue(HubLink& link, const boost::shared_ptr<IpcPacket>& packet)
 {
+    touch(link);
     link.enqueue(packet, now());
     if (link.queuedBytes() > moOptions.maximumQueueBytes)
         link.fail("send queue over its maximum: the process does not read");
@@ -192,17 +193,17 @@ void Hub::releaseHeld(HubLink& link)
 
 void Hub::writeQueued()
 {
-    for (auto& item : moLinks) {
-        HubLink& link = *item.second;
-        if (link.wantsWrite() && !link.blocked())
-            write(link);
-    }
+    for (unsigned serial : touched())
+        if (HubLink* link = this->link(serial))
+            if (link->wantsWrite() && !link->blocked())
+                write(*link);
 }
 
 void Hub::write(HubLink& link)
 {
     if (link.failed())
         return;
+    touch(link);
     if (link.flush(now()) == eIpcResultClosed)
         link.fail("write failed");
     else if (link.queuedBytes() > moOptions.maximumQueueBytes)
@@ -323,6 +324,7 @@ void Hub::accept()
         const unsigned serial = muiNextLink++;
         BTRACE(TraceNormal) << "Accepted link" << serial << "from" << socket->remoteAddress();
         moLinks[serial].reset(new HubLink(serial, socket, now()));
+        touch(*moLinks[serial]);
     }
 }
 
@@ -345,6 +347,7 @@ bool Hub::paused(HubLink& link)
 void Hub::serve(HubLink& link)
 {
     const unsigned long long time = now();
+    touch(link);
     for (unsigned i = 0; i < PacketsPerTurn && !link.failed() && !paused(link); ++i) {
         boost::shared_ptr<IpcPacket> packet;
         const IpcResult result = link.receive(packet, muiNextPacket++, time);
@@ -366,8 +369,10 @@ void Hub::processEnded(const ProcessPointer& process)
     if (!process->live())
         return;
     BTRACE(TraceNormal) << "Process" << process->processId << process->title << "has ended";
-    if (HubLink* own = link(process->linkSerial))
+    if (HubLink* own = link(process->linkSerial)) {
         own->fail("the process has ended");
+        touch(*own);
+    }
     moProcesses.remove(process->processId);
     std::vector<Notifications::Post> exits;
     std::vector<Notifications::Post> readies;
@@ -403,17 +408,33 @@ void Hub::sweep()
     // repeat until a pass finds none.
     for (bool again = true; again;) {
         again = false;
-        for (auto it = moLinks.begin(); it != moLinks.end();) {
+        for (unsigned serial : touched()) {
+            const auto it = moLinks.find(serial);
+            if (it == moLinks.end())
+                continue;
             HubLink& link = *it->second;
             if (link.failed() || (link.closing() && !link.wantsWrite())) {
                 drop(link);
-                it = moLinks.erase(it);
+                moLinks.erase(it);
                 again = true;
-            } else {
-                ++it;
             }
         }
     }
+}
+
+void Hub::touch(const HubLink& link) { mvTouched.push_back(link.serial()); }
+
+void Hub::touchAll()
+{
+    for (const auto& item : moLinks)
+        touch(*item.second);
+}
+
+std::vector<unsigned> Hub::touched()
+{
+    std::sort(mvTouched.begin(), mvTouched.end());
+    mvTouched.erase(std::unique(mvTouched.begin(), mvTouched.end()), mvTouched.end());
+    return mvTouched;
 }
 
 // --- time -----------------------------------------------------------------------
@@ -441,6 +462,7 @@ void Hub::checkTimers()
     if (time < muiNextTimerCheck)
         return;
     muiNextTimerCheck = time + TimerCheckMs;
+    touchAll();
     for (auto& item : moLinks) {
         HubLink& link = *item.second;
         if (link.failed())
@@ -484,6 +506,7 @@ void Hub::beginShutdown()
     for (auto& item : moLinks)
         if (!item.second->processId())
             item.second->fail("shutdown");
+    touchAll();
 }
 
 int Hub::run()
@@ -492,6 +515,7 @@ int Hub::run()
     std::vector<LinkPoller::Ready> ready;
     std::vector<HubLink*> readable;
     std::vector<HubLink*> writable;
+    std::vector<HubLink*> backlogged;
     for (;;) {
         if (miStopRequests > 1) {
             BTRACE(TraceAlways) << "Stopped at once";
@@ -503,25 +527,33 @@ int Hub::run()
         if (mbShuttingDown && (moLinks.empty() || now() >= muiShutdownDeadline))
             break;
 
-        unsigned watching = 0;
-        if (mpListener) {
+        if (mpListener)
             poller.watch(mpListener->socket(), muiListenerWatched, true, false, ListenerTag | muiListenerGeneration);
-            ++watching;
+        // Only links touched since the last turn can want another watch; the
+        // others keep theirs. Paused links are looked at every turn, since
+        // what pauses them is another link's queue. Packets already read
+        // ahead from a socket are served at once: a wait cannot see them.
+        backlogged.clear();
+        const std::vector<unsigned> looking = touched();
+        mvTouched.clear();
+        for (unsigned serial : looking) {
+            HubLink* link = this->link(serial);
+            if (!link)
+                continue;
+            const bool reading = !paused(*link);
+            const bool writing = link->wantsWrite();
+            if (!poller.watch(link->socket()->socket(), link->watched(), reading, writing, serial)) {
+                link->fail("its socket cannot be watched");
+                touch(*link);
+            } else if (!reading) {
+                touch(*link);
+            } else if (link->buffered()) {
+                backlogged.push_back(link);
+            }
         }
-        // Packets already read ahead from a socket are served at once: a
-        // wait cannot see them.
-        bool backlog = false;
-        for (auto& item : moLinks) {
-            HubLink& link = *item.second;
-            const bool reading = !paused(link);
-            const bool writing = link.wantsWrite();
-            if (!poller.watch(link.socket()->socket(), link.watched(), reading, writing, item.first))
-                link.fail("its socket cannot be watched");
-            watching += reading || writing;
-            backlog = backlog || (reading && link.buffered() && !link.failed());
-        }
+        const bool backlog = !backlogged.empty();
         const unsigned wait = mbShuttingDown || moCreator.waiting() ? BusyWaitMs : IdleWaitMs;
-        if (!watching) {
+        if (!mpListener && moLinks.empty()) {
             // Nothing to wait on (the listener is being set up again).
             Context::sleep(wait);
             checkTimers();
@@ -548,13 +580,9 @@ int Hub::run()
             if (event.writable)
                 writable.push_back(link);
         }
-        if (backlog)
-            for (auto& item : moLinks) {
-                HubLink* link = item.second.get();
-                if (link->buffered() && !paused(*link) &&
-                    std::find(readable.begin(), readable.end(), link) == readable.end())
-                    readable.push_back(link);
-            }
+        for (HubLink* link : backlogged)
+            if (std::find(readable.begin(), readable.end(), link) == readable.end())
+                readable.push_back(link);
         for (HubLink* link : writable)
             write(*link);
         for (HubLink* link : readable)
@@ -568,6 +596,7 @@ int Hub::run()
     BTRACE(TraceAlways) << "Hub stops with" << unsigned(moLinks.size()) << "links";
     for (auto& item : moLinks)
         item.second->fail("the Hub stops");
+    touchAll();
     sweep();
     moProcesses.releaseTraceBuffers();
     return 0;

@@ -17,6 +17,7 @@
 
 #include <map>
 #include <memory>
+#include <vector>
 
 namespace Brevi {
 
@@ -124,6 +125,11 @@ private:
     void checkTimers();
     void checkMonitored();
     void sweep();
+    // Marks a link for the next look: its state may have changed.
+    void touch(const HubLink& link);
+    void touchAll();
+    // The links touched since the list was last cleared, each once.
+    std::vector<unsigned> touched();
     void drop(HubLink& link);
     // True while the Hub reads nothing from the link (see the class note).
     bool paused(HubLink& link);
@@ -144,6 +150,11 @@ private:
     quint64 muiListenerGeneration = 0;
     unsigned muiListenerWatched = 0;
     std::map<unsigned, std::unique_ptr<HubLink>> moLinks;
+    // Links that something happened to (read, written, queued to, failed,
+    // accepted) or that are paused: only they are swept, watched anew and
+    // written, so that a turn costs what happens rather than what is open.
+    // The timer check touches every link, so that nothing waits longer.
+    std::vector<unsigned> mvTouched;
     unsigned muiNextLink = 1;
     unsigned muiNextPacket = 1;
     unsigned long long muiShutdownDeadline = 0;
