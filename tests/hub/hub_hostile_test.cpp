@@ -3,8 +3,9 @@
 // streams cut short, headers that lie about their size, a flood, a reader
 // that never reads, a thousand idle connections, and connections made and
 // closed in a loop. The Hub stays up, its memory stays bounded, and the pair's
-// round trips go on, at most twice as slow as before. BREVI_HOSTILE_ROUNDS
-// repeats the hostile kinds for a longer run.
+// round trips go on. BREVI_HOSTILE_ROUNDS repeats the hostile kinds for a
+// longer run; with BREVI_HOSTILE_TIMED set (on a quiet machine) no kind may
+// more than double the pair's median round trip.
 
 #include "hubtest.h"
 
@@ -33,26 +34,6 @@ using namespace Brevi;
 using namespace HubTest;
 
 namespace {
-
-// A line of /proc/<pid>/status in KiB ("VmRSS", "VmSize"); 0 if unreadable.
-unsigned long statusKiB(pid_t pid, const char* field)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith(field))
-            return line.mid(int(qstrlen(field)) + 1).trimmed().split(' ').value(0).toULong();
-    return 0;
-}
-
-QByteArray header(unsigned magic, unsigned size)
-{
-    QByteArray bytes(8, '\0');
-    ByteOrder::store32(reinterpret_cast<unsigned char*>(bytes.data()), magic);
-    ByteOrder::store32(reinterpret_cast<unsigned char*>(bytes.data()) + 4, size);
-    return bytes;
-}
 
 // Two processes that ping each other through the Hub, on a thread of their
 // own, each round trip recorded under the phase it fell in.
@@ -179,7 +160,7 @@ TEST_F(HubHostile, HostileLinksCostOnlyThemselves)
          [&] {
              for (int i = 0; i < 20; ++i)
                  if (auto socket = raw()) {
-                     const QByteArray bytes = header(0x12345678, 64) + QByteArray(56, 'm');
+                     const QByteArray bytes = packetHeader(0x12345678, 64) + QByteArray(56, 'm');
                      socket->send(bytes.constData(), unsigned(bytes.size()));
                      EXPECT_TRUE(closedByHub(*socket, 3000)) << "bad magic";
                  }
@@ -189,7 +170,7 @@ TEST_F(HubHostile, HostileLinksCostOnlyThemselves)
              // Half a packet, then the end of the stream.
              for (int i = 0; i < 20; ++i)
                  if (auto socket = raw()) {
-                     const QByteArray bytes = header(IpcPacketLayout::MessageMagic, 2000) + QByteArray(900, 't');
+                     const QByteArray bytes = packetHeader(IpcPacketLayout::MessageMagic, 2000) + QByteArray(900, 't');
                      socket->send(bytes.constData(), unsigned(bytes.size()));
                      socket->close();
                  }
@@ -201,7 +182,7 @@ TEST_F(HubHostile, HostileLinksCostOnlyThemselves)
              std::vector<std::unique_ptr<HubClient>> liars;
              for (int i = 0; i < 20; ++i) {
                  liars.push_back(started(QStringLiteral("liar %1").arg(i)));
-                 liars.back()->sendRaw(header(IpcPacketLayout::MessageMagic, 60u << 20) + QByteArray(65536, 'l'));
+                 liars.back()->sendRaw(packetHeader(IpcPacketLayout::MessageMagic, 60u << 20) + QByteArray(65536, 'l'));
              }
              QThread::msleep(500);
              measure();
@@ -287,6 +268,7 @@ TEST_F(HubHostile, HostileLinksCostOnlyThemselves)
     const std::vector<double> base = pair.times(0);
     ASSERT_GE(base.size(), 50u);
     const double baseMedian = base[base.size() / 2];
+    const bool timed = qEnvironmentVariableIsSet("BREVI_HOSTILE_TIMED");
     std::printf("Hub: %lu KiB resident, %lu KiB of address space at the start; peaks %lu and %lu KiB\n", baseRss,
                 baseSize, peakRss, peakSize);
     std::printf("%-24s %8s %10s %10s\n", "round trip", "count", "median us", "p90 us");
@@ -299,7 +281,9 @@ TEST_F(HubHostile, HostileLinksCostOnlyThemselves)
         }
         const double median = times[times.size() / 2];
         std::printf("%-24s %8zu %10.0f %10.0f\n", name, times.size(), median, times[times.size() * 9 / 10]);
-        EXPECT_LE(median, 2 * baseMedian) << name;
+        // Times depend on what else the cores run: judged only on request.
+        if (timed)
+            EXPECT_LE(median, 2 * baseMedian) << name;
     }
     EXPECT_LT(peakRss, baseRss + 64 * 1024) << "resident memory of the Hub";
     EXPECT_LT(peakSize, baseSize + 256 * 1024) << "address space of the Hub: 20 lies of 60 MiB are 1.2 GiB";

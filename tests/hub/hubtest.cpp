@@ -1,5 +1,6 @@
 #include "hubtest.h"
 
+#include "core/byteorder.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
 
@@ -90,6 +91,25 @@ void ChildProcess::kill(int signal)
 {
     if (miPid > 0 && !mbReaped)
         ::kill(miPid, signal);
+}
+
+unsigned long statusKiB(pid_t pid, const char* field)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith(field) && line.mid(int(qstrlen(field))).startsWith(':'))
+            return line.mid(int(qstrlen(field)) + 1).trimmed().split(' ').value(0).toULong();
+    return 0;
+}
+
+QByteArray packetHeader(unsigned magic, unsigned size)
+{
+    QByteArray bytes(8, '\0');
+    Brevi::ByteOrder::store32(bytes.data(), magic);
+    Brevi::ByteOrder::store32(bytes.data() + 4, size);
+    return bytes;
 }
 
 namespace {
