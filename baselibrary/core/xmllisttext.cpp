@@ -1,5 +1,7 @@
 #include "core/xmllisttext_p.h"
 
+#include "core/xmllist_p.h"
+
 #include <QDomElement>
 #include <QDomProcessingInstruction>
 #include <QVarLengthArray>
@@ -943,9 +945,19 @@ bool parse(const QByteArray& text, QDomDocument& document, QString& error, int& 
 {
     if (!Screen(text).run(error, line, column))
         return false;
-    if (read(text, document))
+    if (!read(text, document) && !document.setContent(text, true, &error, &line, &column))
+        return false;
+    // An empty list is written as no bytes at all, which read as a bare
+    // root: a document whose root is empty must be that already, or another
+    // root name, its attributes or the nodes beside it would be lost.
+    const QDomElement root = document.documentElement();
+    if (root.hasChildNodes() ||
+        (document.childNodes().count() == 1 && root.tagName() == XmlListDetail::rootTag() && !root.hasAttributes()))
         return true;
-    return document.setContent(text, true, &error, &line, &column);
+    error = QStringLiteral("an empty list holds more than its bare root");
+    line = 1;
+    column = 1;
+    return false;
 }
 
 bool write(const QDomDocument& document, int indent, QByteArray& out)
