@@ -282,8 +282,9 @@ TEST_F(HubHostile, HostileLinksCostOnlyThemselves)
         const double median = times[times.size() / 2];
         std::printf("%-24s %8zu %10.0f %10.0f\n", name, times.size(), median, times[times.size() * 9 / 10]);
         // Times depend on what else the cores run: judged only on request.
-        if (timed)
+        if (timed) {
             EXPECT_LE(median, 2 * baseMedian) << name;
+        }
     }
     EXPECT_LT(peakRss, baseRss + 64 * 1024) << "resident memory of the Hub";
     EXPECT_LT(peakSize, baseSize + 256 * 1024) << "address space of the Hub: 20 lies of 60 MiB are 1.2 GiB";
