@@ -8,6 +8,10 @@
 
 namespace Brevi {
 
+// The limit is taken by reference in places (std::min, the trace stream), so
+// it needs its one definition.
+const int XmlList::MaximumDepth;
+
 namespace {
 const unsigned TraceModule = TraceModuleXmlList;
 } // namespace
