@@ -12,6 +12,8 @@
 #include <boost/thread/recursive_mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include <cerrno>
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -213,6 +215,12 @@ bool SharedMemoryProvider::allocate(unsigned size)
         return false;
     }
     mptData->release();
+    // A mapping of nothing would be an id that tests false: the system's own
+    // call refuses a size of 0 as well.
+    if (size == 0) {
+        BTRACE(TraceAlways) << "Failed to create" << size << "byte mapped file" << TraceErrorCode(EINVAL);
+        return false;
+    }
 
     QString name;
     for (int attempt = 0; attempt < 2; ++attempt) {

@@ -27,6 +27,9 @@ public:
     SharedMemoryProvider();
     explicit SharedMemoryProvider(unsigned size);
 
+    // A new mapping of `size` bytes under the next name; what the provider
+    // held before is released first. False for a size of 0, a name already
+    // taken, or a refusal of the system.
     bool allocate(unsigned size);
     SharedMemoryId id() const;
     // Removes the name and forgets the id; attached users keep their mapping.

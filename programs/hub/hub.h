@@ -17,6 +17,7 @@
 
 #include <map>
 #include <memory>
+#include <vector>
 
 namespace Brevi {
 
@@ -25,7 +26,7 @@ class HubManager;
 class IpcPacket;
 class MsgPacket;
 class TCPSocketListen;
-class TCPSocketSelect;
+class LinkPoller;
 
 // The Hub of one machine: one thread, one wait on all its sockets.
 //
@@ -124,6 +125,11 @@ private:
     void checkTimers();
     void checkMonitored();
     void sweep();
+    // Marks a link for the next look: its state may have changed.
+    void touch(const HubLink& link);
+    void touchAll();
+    // The links touched since the list was last cleared, each once.
+    std::vector<unsigned> touched();
     void drop(HubLink& link);
     // The data packets a dropped link had not yet taken go back to their
     // senders as undeliverable, one post per sender.
@@ -139,9 +145,19 @@ private:
     ProcessCreator moCreator;
     std::unique_ptr<HubManager> mpManager;
     std::unique_ptr<TCPSocketListen> mpListener;
-    // Made once: its sets are large, and each turn only refills them.
-    std::unique_ptr<TCPSocketSelect> mpSelect;
+    // The wait on the listener and every link.
+    std::unique_ptr<LinkPoller> mpPoller;
+    // Tells the listener's events from a link's (whose tag is its serial),
+    // and each listener from the one before it.
+    static const quint64 ListenerTag = 1ull << 63;
+    quint64 muiListenerGeneration = 0;
+    unsigned muiListenerWatched = 0;
     std::map<unsigned, std::unique_ptr<HubLink>> moLinks;
+    // Links that something happened to (read, written, queued to, failed,
+    // accepted) or that are paused: only they are swept, watched anew and
+    // written, so that a turn costs what happens rather than what is open.
+    // The timer check touches every link, so that nothing waits longer.
+    std::vector<unsigned> mvTouched;
     unsigned muiNextLink = 1;
     unsigned muiNextPacket = 1;
     unsigned long long muiShutdownDeadline = 0;

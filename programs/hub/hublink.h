@@ -68,6 +68,8 @@ public:
     // failed.
     IpcResult flush(unsigned long long now);
     bool wantsWrite() const { return !moQueue.empty(); }
+    // What the Hub's poller watches the socket for (LinkPoller::watch).
+    unsigned& watched() { return muiWatched; }
     // The last flush left bytes the socket would not take: writing again is
     // for when a wait finds it writable.
     bool blocked() const { return mbBlocked; }
@@ -147,6 +149,7 @@ private:
     bool mbEnabled = false;
     bool mbClosing = false;
     bool mbBlocked = false;
+    unsigned muiWatched = 0;
 };
 
 } // namespace Brevi
