@@ -7,11 +7,14 @@
 // or the command line was wrong.
 #include "persistent/blockfilecheck.h"
 
+#include "toolcommon.h"
+
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QTextStream>
 
 using namespace Brevi;
+using Brevi::ToolCommon::parseCommandLine;
 
 namespace {
 
@@ -52,10 +55,12 @@ int main(int argc, char** argv)
     parser.addHelpOption();
     parser.addPositionalArgument("command", "stat: the control record and counts; check: the checker's verdict.");
     parser.addPositionalArgument("file", "The block file (its free list is FILE.free).");
-    parser.process(application);
+    QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), "blocktool", err);
+    if (parsed >= 0)
+        return parsed;
 
     QTextStream out(stdout);
-    QTextStream err(stderr);
     const QStringList arguments = parser.positionalArguments();
     if (arguments.size() != 2 || (arguments[0] != "stat" && arguments[0] != "check")) {
         err << "usage: blocktool stat|check FILE (see --help)\n";

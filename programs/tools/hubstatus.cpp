@@ -80,9 +80,11 @@ int main(int argc, char** argv)
     const QCommandLineOption live("live", "Only the processes that are still running.");
     parser.addOption(port);
     parser.addOption(live);
-    parser.process(application);
-
     QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), "hubstatus", err);
+    if (parsed >= 0)
+        return parsed;
+
     if (!parser.positionalArguments().isEmpty()) {
         err << "hubstatus: takes no arguments (see --help)\n";
         return eExitUsage;
