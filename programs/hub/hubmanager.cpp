@@ -336,6 +336,8 @@ XmlList HubManager::monitorEntry(const ProcessEntry& process) const
     entry.set(HubMgrMonitorReply::StartTime, process.startTime);
     entry.set(HubMgrMonitorReply::Group, process.group);
     entry.set(HubMgrMonitorReply::Name, process.name);
+    if (!process.parentAddress.isEmpty())
+        entry.set(HubConstants::MonitorParentAddress, process.parentAddress);
     return entry;
 }
 
