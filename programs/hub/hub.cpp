@@ -347,6 +347,11 @@ void Hub::serve(HubLink& link)
         const IpcResult result = link.receive(packet, muiNextPacket++, time);
         if (result == eIpcResultAgain)
             return;
+        if (result == eIpcResultClosed && link.closing()) {
+            // It said it leaves, and has closed its end: the orderly end.
+            link.setLeft();
+            return;
+        }
         if (result != eIpcResultOk) {
             link.fail(failureText(result));
             return;
@@ -402,7 +407,7 @@ void Hub::sweep()
         again = false;
         for (auto it = moLinks.begin(); it != moLinks.end();) {
             HubLink& link = *it->second;
-            if (link.failed() || (link.closing() && !link.wantsWrite())) {
+            if (link.failed() || (link.left() && !link.wantsWrite())) {
                 drop(link);
                 it = moLinks.erase(it);
                 again = true;
@@ -446,6 +451,8 @@ void Hub::checkTimers()
             link.holdReceive(time);
         if (!link.processId() && !link.closing() && time - link.createdAt() > moOptions.attachTimeoutMs)
             link.fail("no attach in time");
+        else if (link.closing() && !link.left() && time - link.closingSince() > moOptions.stallTimeoutMs)
+            link.fail("no close after leaving");
         else if (link.stalledFor(time) > moOptions.stallTimeoutMs)
             link.fail("the process takes no bytes");
         else if (link.partialFor(time) > moOptions.stallTimeoutMs)
@@ -504,7 +511,7 @@ int Hub::run()
             select.set(*mpListener, TCPSocketSelect::Read);
         for (auto& item : moLinks) {
             HubLink& link = *item.second;
-            if (!paused(link))
+            if (!paused(link) && !link.left())
                 select.set(*link.socket(), TCPSocketSelect::Read);
             if (link.wantsWrite())
                 select.set(*link.socket(), TCPSocketSelect::Write);
@@ -519,7 +526,8 @@ int Hub::run()
         // Packets already read ahead from a socket are served at once.
         bool backlog = false;
         for (auto& item : moLinks)
-            backlog = backlog || (item.second->buffered() && !item.second->failed() && !paused(*item.second));
+            backlog = backlog || (item.second->buffered() && !item.second->failed() && !item.second->left() &&
+                                  !paused(*item.second));
         const TCPError result = select.wait(backlog ? 0 : wait);
         readable.clear();
         writable.clear();
@@ -541,7 +549,7 @@ int Hub::run()
         if (backlog)
             for (auto& item : moLinks) {
                 HubLink* link = item.second.get();
-                if (link->buffered() && !paused(*link) &&
+                if (link->buffered() && !link->left() && !paused(*link) &&
                     std::find(readable.begin(), readable.end(), link) == readable.end())
                     readable.push_back(link);
             }

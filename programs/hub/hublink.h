@@ -90,10 +90,22 @@ public:
     unsigned long long heldBytes() const { return muiHeldBytes; }
     std::deque<boost::shared_ptr<IpcPacket>> takeHeld();
 
-    // The link is leaving: nothing more is read or routed to it, and it is
-    // closed once its queue has gone.
-    void setClosing() { mbClosing = true; }
+    // The link is leaving (its process detaches, or its attach was
+    // refused): nothing more it sends is routed, nothing more is routed to
+    // it, and it is closed once its queue has gone and the process has closed
+    // its end (`left`), so that the process never meets a reset of a link it
+    // is still draining. `now` starts the time the process has to close.
+    void setClosing(unsigned long long now)
+    {
+        if (!mbClosing)
+            muiClosingSince = now;
+        mbClosing = true;
+    }
     bool closing() const { return mbClosing; }
+    unsigned long long closingSince() const { return muiClosingSince; }
+    // The process has closed its end after leaving: the orderly end.
+    void setLeft() { mbLeft = true; }
+    bool left() const { return mbLeft; }
 
     // Marks the link for removal; the owner sweeps it out and tells whoever
     // waits for its process.
@@ -143,6 +155,8 @@ private:
     const char* mpFailReason = nullptr;
     bool mbEnabled = false;
     bool mbClosing = false;
+    bool mbLeft = false;
+    unsigned long long muiClosingSince = 0;
     bool mbBlocked = false;
 };
 
