@@ -460,7 +460,7 @@ void Hub::checkTimers()
     }
     for (const ProcessCreator::Pending& pending : moCreator.expired(time))
         mpManager->creationDone(pending, HubMgrCreateProcessReply::StatusAttachFailed);
-    moCreator.reap();
+    moCreator.reap(time);
     if (time >= muiNextMonitorCheck) {
         checkMonitored();
         muiNextMonitorCheck = time + MonitorCheckMs;
@@ -481,7 +481,7 @@ void Hub::beginShutdown()
     muiShutdownDeadline = now() + moOptions.shutdownTimeoutMs;
     BTRACE(TraceAlways) << "Shutdown: telling" << unsigned(moProcesses.live().size()) << "processes";
     mpListener.reset();
-    for (const ProcessCreator::Pending& pending : moCreator.takeAll())
+    for (const ProcessCreator::Pending& pending : moCreator.takeAll(now()))
         mpManager->creationDone(pending, HubMgrCreateProcessReply::StatusShutdown);
     for (const ProcessPointer& process : moProcesses.live())
         post(*process, HubConstants::RouterId, HubRtrShutdownPost::Message, XmlList());
@@ -567,6 +567,9 @@ int Hub::run()
     for (auto& item : moLinks)
         item.second->fail("the Hub stops");
     sweep();
+    // Nothing the Hub started outlives it: a child that has not left by now
+    // is ended, with whatever it started.
+    moCreator.endAll(ProcessCreator::GraceMs);
     moProcesses.releaseTraceBuffers();
     return 0;
 }
