@@ -43,6 +43,10 @@ const unsigned BusyWaitMs = 50;
 const unsigned TimerCheckMs = 20;
 // How often monitored processes without a link are looked at.
 const unsigned MonitorCheckMs = 250;
+// How long the Hub looks for the end of a process whose link has closed, to
+// remove the shared memory it leaves: a process that lives on without its
+// link keeps its names.
+const unsigned SharedMemoryWatchMs = 10000;
 // Before another attempt to listen after the listener failed.
 const unsigned RelistenMs = 1000;
 // Packets for a link gather until the end of the turn, so that they leave in
@@ -377,6 +381,8 @@ void Hub::processEnded(const ProcessPointer& process)
     deliverExit(exits);
     deliverReady(readies);
     mpManager->processEnded(*process);
+    // A process that died leaves its own shared memory behind.
+    moSharedMemory.watch(process->osPid, now() + SharedMemoryWatchMs);
 }
 
 void Hub::drop(HubLink& link)
@@ -463,6 +469,7 @@ void Hub::checkTimers()
     moCreator.reap(time);
     if (time >= muiNextMonitorCheck) {
         checkMonitored();
+        moSharedMemory.check(time);
         muiNextMonitorCheck = time + MonitorCheckMs;
     }
     if (!mpListener && !mbShuttingDown && time >= muiRelistenAt) {
