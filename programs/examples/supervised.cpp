@@ -326,14 +326,16 @@ void processMain(int& result, int, char** const)
         manager.addPeer(boost::make_shared<ReportedChild>(peer, named(peer), Child::eNoWaitForExit, Child::eFreezable,
                                                           Child::eNoShutdownOnExit),
                         false);
-    manager.contextReady();
-    logLine(started ? "has started" : "has started without some of its children");
+    // Before the ready: whoever learns from the Hub that this process is
+    // ready has been told of it already.
     if (!gRole.observer.isEmpty()) {
         XmlList hello;
         hello.set("Name", gRole.name);
         hello.set("OSPid", unsigned(::getpid()));
         Msg(named(gRole.observer), HelloPost, hello).send();
     }
+    manager.contextReady();
+    logLine(started ? "has started" : "has started without some of its children");
 
     // Until a handler ends the loop (the shutdown is complete) or the Hub
     // link is gone for good.
