@@ -49,10 +49,13 @@ protected:
     // who must be there before them.
     void start(const QString& shape, bool peer = true)
     {
-        mpTop.reset(new HubTest::ChildProcess(
-            SUPERVISED_PATH, {"--name", "Tree", "--shape", shape, "--observer", "Observer", "--peer", "Audit"}));
-        if (peer)
+        QStringList arguments{"--name", "Tree", "--shape", shape, "--observer", "Observer"};
+        if (peer) {
+            arguments << "--peer"
+                      << "Audit";
             mpPeer.reset(new HubTest::ChildProcess(SUPERVISED_PATH, {"--name", "Audit", "--observer", "Observer"}));
+        }
+        mpTop.reset(new HubTest::ChildProcess(SUPERVISED_PATH, arguments));
     }
 
     // Runs `body` in this process's attached context, named Observer.
@@ -208,6 +211,46 @@ TEST_F(ChildTree, AChildKilledWhileFreezingAndAPeerThatEnds)
         Msg(named("Tree"), "TreeWorkPost").send();
         EXPECT_TRUE(follow([](const Msg& m) { return m.name() == "TreeWorkDonePost"; }));
     });
+}
+
+// Waits until the tool has printed `text`.
+bool says(QProcess& tool, const QString& text)
+{
+    QByteArray seen;
+    for (const unsigned long long end = HubTest::steadyMs() + 20000; HubTest::steadyMs() < end;) {
+        tool.waitForReadyRead(100);
+        seen += tool.readAllStandardOutput();
+        if (seen.contains(text.toUtf8()))
+            return true;
+    }
+    return false;
+}
+
+TEST_F(ChildTree, AFreezeLastsAsLongAsTheChildctlThatHoldsIt)
+{
+    observe([this] {
+        start("Worker(*)", false);
+        ASSERT_TRUE(allIn({"Tree/Tree.Worker", "Tree.Worker/1"}, "CMRunning"));
+    });
+    QProcess holder;
+    holder.start(CHILDCTL_PATH, {"freeze", "Tree"});
+    ASSERT_TRUE(says(holder, "frozen in"));
+    QString said;
+    EXPECT_EQ(childctl({"thaw", "Tree"}, &said), 0) << said.toStdString();
+    EXPECT_TRUE(said.contains("running again")) << said.toStdString();
+    ASSERT_TRUE(holder.waitForFinished(10000));
+    EXPECT_EQ(holder.exitCode(), 0);
+
+    // A holder that dies: the Hub tells the tree, which thaws by itself and
+    // can be frozen again.
+    holder.start(CHILDCTL_PATH, {"freeze", "Tree"});
+    ASSERT_TRUE(says(holder, "frozen in"));
+    holder.kill();
+    holder.waitForFinished(5000);
+    int status = -1;
+    for (const unsigned long long end = HubTest::steadyMs() + 10000; status != 0 && HubTest::steadyMs() < end;)
+        status = childctl({"freeze", "Tree", "--for", "0"}, &said);
+    EXPECT_EQ(status, 0) << said.toStdString();
 }
 
 TEST_F(ChildTree, AChildThatIgnoresShutdownIsEndedWithTheHub)
