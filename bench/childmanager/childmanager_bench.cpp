@@ -1,0 +1,300 @@
+// A supervised tree of 16 child processes under one top process, all of
+// them the example program "supervised", through the real Hub: a freeze and
+// a thaw of the whole tree as a person or a backup would order them from
+// outside (request to the top, answer when all are frozen; then the same
+// for the thaw), and a shutdown of the tree (the post to the top until the
+// Hub says the top has ended, which it does only after its 16 children).
+// Beside them, the floor: one request and its answer between this process
+// and the top, through the same Hub.
+//
+// Counters: median_ms is the median of the rounds (the benchmark's own time
+// is their mean), tree_cpu_ms the CPU time the Hub and the tree's processes
+// spent per round.
+//
+//   build/bench/childmanager/childmanager_bench
+#include "core/context.h"
+#include "messaging/msg.h"
+#include "messaging/msgaddress.h"
+#include "messaging/msgcatalogue.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include <csignal>
+#include <unistd.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+using namespace Brevi;
+using namespace Brevi::Catalogue;
+
+namespace {
+
+const char* const Shape = "Leaf#16";
+const char* const Group = "Supervised";
+const int AnswerSeconds = 30;
+
+pid_t gHub = 0;
+unsigned gPort = 0;
+
+pid_t launch(const QStringList& arguments)
+{
+    std::vector<QByteArray> storage;
+    for (const QString& argument : arguments)
+        storage.push_back(argument.toLocal8Bit());
+    std::vector<char*> argv;
+    for (QByteArray& item : storage)
+        argv.push_back(item.data());
+    argv.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+unsigned freePort()
+{
+    const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(probe, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
+    close(probe);
+    return ntohs(address.sin_port);
+}
+
+// CPU milliseconds (user and system) of a process so far.
+double cpuMs(pid_t pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return 0;
+    const QList<QByteArray> fields = stat.readAll().split(')').last().trimmed().split(' ');
+    if (fields.size() < 13)
+        return 0;
+    return (fields[11].toDouble() + fields[12].toDouble()) * 1000.0 / double(sysconf(_SC_CLK_TCK));
+}
+
+// The Hub, the top, and the Hub's children (the tree's leaves).
+double treeCpuMs(pid_t top)
+{
+    double total = cpuMs(gHub) + cpuMs(top);
+    QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(gHub));
+    if (children.open(QIODevice::ReadOnly))
+        for (const QByteArray& child : children.readAll().split(' '))
+            if (!child.trimmed().isEmpty())
+                total += cpuMs(pid_t(child.trimmed().toInt()));
+    return total;
+}
+
+MsgAddress top() { return MsgAddress(Context::machineName(), "Bench", Group); }
+
+// Sends `name` to the top and waits for its answer `reply`; the answer, or
+// the invalid message.
+Msg exchange(const QString& name, const QStringList& replies)
+{
+    Msg request(top(), name);
+    const QString cookie = QString::number(Context::uniqueId());
+    request.setCookie(cookie);
+    if (!request.send())
+        return Msg();
+    // Before the top has attached, the Hub returns the request.
+    const QStringList wanted = QStringList(replies) << HubRtrUndeliverableMessagePost::Message;
+    for (;;) {
+        const Msg answer = Msg::wait(wanted, AnswerSeconds);
+        if (!answer)
+            return answer;
+        if (answer.name() == HubRtrUndeliverableMessagePost::Message) {
+            if (answer.getString(HubRtrUndeliverableMessagePost::Cookie) == cookie)
+                return Msg();
+        } else if (answer.getCookie() == cookie) {
+            return answer;
+        }
+    }
+}
+
+// A tree, started and waited for until all its children run: until then a
+// freeze is refused, and then thawed again.
+struct Tree {
+    pid_t pid = 0;
+
+    bool start()
+    {
+        pid = launch({SUPERVISED_PATH, "--name", "Bench", "--shape", Shape});
+        for (int attempt = 0; attempt < 600; ++attempt) {
+            const Msg frozen = exchange(ChildMgrFreezeRequest::Message, {ChildMgrFreezeReply::Message});
+            if (frozen.getBool(ChildMgrFreezeReply::Success))
+                return exchange(ChildMgrThawRequest::Message, {ChildMgrThawReply::Message})
+                    .getBool(ChildMgrThawReply::Success);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+    // Shuts it down; true once the Hub has said the top has ended.
+    bool shutdown()
+    {
+        Msg watch(MsgAddress(eMsgAddressHub, eWellKnownHubRouter), HubRtrRegisterNotifyOnExitPost::Message);
+        watch.set(HubRtrRegisterNotifyOnExitPost::Address, top().toXml());
+        watch.send();
+        Msg(top(), ChildMgrShutdownPost::Message).send();
+        for (;;) {
+            const Msg ended = Msg::wait(HubRtrProcessExitedPost::Message, AnswerSeconds);
+            if (!ended)
+                return false;
+            if (MsgAddress(ended.getXmlList(HubRtrProcessExitedPost::Address)) == top())
+                return true;
+        }
+    }
+    void reap()
+    {
+        if (pid > 0)
+            waitpid(pid, nullptr, 0);
+        pid = 0;
+    }
+};
+
+double median(std::vector<double> values)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+void finish(benchmark::State& state, const std::vector<double>& rounds, double cpu)
+{
+    state.counters["median_ms"] = median(rounds);
+    state.counters["tree_cpu_ms"] = rounds.empty() ? 0 : cpu / double(rounds.size());
+}
+
+void RoundTripToTheTop(benchmark::State& state)
+{
+    Tree tree;
+    if (!tree.start()) {
+        state.SkipWithError("the tree did not come up");
+        return;
+    }
+    std::vector<double> rounds;
+    const double before = treeCpuMs(tree.pid);
+    for (auto _ : state) {
+        QElapsedTimer clock;
+        clock.start();
+        if (!exchange("TreeWorkPost", {"TreeWorkDonePost"})) {
+            state.SkipWithError("no answer");
+            break;
+        }
+        rounds.push_back(double(clock.nsecsElapsed()) / 1e6);
+    }
+    finish(state, rounds, treeCpuMs(tree.pid) - before);
+    tree.shutdown();
+    tree.reap();
+}
+
+void FreezeAndThawSixteenChildren(benchmark::State& state)
+{
+    Tree tree;
+    if (!tree.start()) {
+        state.SkipWithError("the tree did not come up");
+        return;
+    }
+    std::vector<double> rounds, freezes;
+    const double before = treeCpuMs(tree.pid);
+    for (auto _ : state) {
+        QElapsedTimer clock;
+        clock.start();
+        const bool frozen = exchange(ChildMgrFreezeRequest::Message, {ChildMgrFreezeReply::Message})
+                                .getBool(ChildMgrFreezeReply::Success);
+        freezes.push_back(double(clock.nsecsElapsed()) / 1e6);
+        const bool thawed =
+            exchange(ChildMgrThawRequest::Message, {ChildMgrThawReply::Message}).getBool(ChildMgrThawReply::Success);
+        if (!frozen || !thawed) {
+            state.SkipWithError("the freeze or the thaw failed");
+            break;
+        }
+        rounds.push_back(double(clock.nsecsElapsed()) / 1e6);
+    }
+    finish(state, rounds, treeCpuMs(tree.pid) - before);
+    state.counters["freeze_median_ms"] = median(freezes);
+    tree.shutdown();
+    tree.reap();
+}
+
+void ShutdownSixteenChildren(benchmark::State& state)
+{
+    std::vector<double> rounds;
+    double cpu = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        Tree tree;
+        if (!tree.start()) {
+            state.SkipWithError("the tree did not come up");
+            break;
+        }
+        const double before = treeCpuMs(tree.pid);
+        state.ResumeTiming();
+        QElapsedTimer clock;
+        clock.start();
+        const bool ended = tree.shutdown();
+        rounds.push_back(double(clock.nsecsElapsed()) / 1e6);
+        state.PauseTiming();
+        // The top has been collected here after; the leaves by the Hub.
+        cpu += treeCpuMs(tree.pid) - before;
+        tree.reap();
+        state.ResumeTiming();
+        if (!ended) {
+            state.SkipWithError("the tree did not end");
+            break;
+        }
+    }
+    finish(state, rounds, cpu);
+}
+
+BENCHMARK(RoundTripToTheTop)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(200);
+BENCHMARK(FreezeAndThawSixteenChildren)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(200);
+BENCHMARK(ShutdownSixteenChildren)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(15);
+
+int gArgc = 0;
+char** gArgv = nullptr;
+int gResult = 0;
+
+void run()
+{
+    benchmark::Initialize(&gArgc, gArgv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QTemporaryDir home;
+    QTemporaryDir programs;
+    QFile::link(SUPERVISED_PATH, programs.filePath("supervised"));
+    setenv("BREVI_HOME", home.path().toLocal8Bit().constData(), 1);
+    gPort = freePort();
+    setenv("BREVI_HUB_PORT", QByteArray::number(gPort).constData(), 1);
+    gHub = launch({HUB_PATH, "--port", QString::number(gPort), "--node", "bench", "--machine-id", "0001", "--programs",
+                   programs.path()});
+    gArgc = argc;
+    gArgv = argv;
+    // The Hub needs a moment to listen: the attach tries for a while.
+    const bool ran = Context::run(run, Context::TypeAttached, Context::FlagNoTraceBuffer, "childmanager bench");
+    kill(gHub, SIGTERM);
+    waitpid(gHub, nullptr, 0);
+    return ran ? gResult : 1;
+}
