@@ -178,10 +178,10 @@ QString gProgram;
 
 MsgAddress named(const QString& name) { return MsgAddress(Context::machineName(), name, gRole.group); }
 
-void logLine(const QString& what)
+void logLine(const QString& who, const QString& what)
 {
     if (gRole.log)
-        BREVI_LOG(LogCategory, Log::eLogInformation) << "%1s %2s" << gRole.name << what;
+        BREVI_LOG(LogCategory, Log::eLogInformation) << "%1s %2s" << who << what;
 }
 
 // A parent's record of a child, which tells the observer of every change.
@@ -209,8 +209,9 @@ public:
 class TreeManager : public ChildManager
 {
 public:
-    explicit TreeManager(bool hold)
-        : mbHold(hold)
+    TreeManager(const QString& name, bool hold)
+        : msName(name)
+        , mbHold(hold)
     {}
 
     void checkState(bool& changed, MsgResult& result, const Msg& message) override
@@ -219,16 +220,17 @@ public:
         if (mbHold || state() != CMFreezing || !childrenFrozen())
             return;
         frozen();
-        logLine("is frozen");
+        logLine(msName, "is frozen");
         changed = true;
         if (!waitForThaw() || state() != CMRunning) {
             result = eMsgResultExit;
             return;
         }
-        logLine("runs again");
+        logLine(msName, "runs again");
     }
 
 private:
+    QString msName;
     bool mbHold;
 };
 
@@ -242,7 +244,7 @@ void threadBody()
         tpComms->failed();
         return;
     }
-    TreeManager manager(false);
+    TreeManager manager(Context::object()->title(), false);
     manager.initialize(ChildManager::CMStarting, ChildManager::eIgnoreHubShutdown);
     manager.contextReady();
     Msg::wait(-1);
@@ -305,7 +307,7 @@ void processMain(int& result, int, char** const)
     if (gRole.stubborn)
         std::signal(SIGTERM, SIG_IGN);
 
-    TreeManager manager(gRole.hold);
+    TreeManager manager(gRole.name, gRole.hold);
     manager.initialize(ChildManager::CMStarting, ChildManager::eHonorHubShutdown);
     const MsgHandlerPointer ignore =
         boost::make_shared<MsgHandlerFunction>([](const Msg&) { return eMsgResultHandled; });
@@ -335,13 +337,13 @@ void processMain(int& result, int, char** const)
         Msg(named(gRole.observer), HelloPost, hello).send();
     }
     manager.contextReady();
-    logLine(started ? "has started" : "has started without some of its children");
+    logLine(gRole.name, started ? "has started" : "has started without some of its children");
 
     // Until a handler ends the loop (the shutdown is complete) or the Hub
     // link is gone for good.
     const MsgResult ended = Msg::wait(gRole.stubborn ? StubbornLifetime : -1);
     BTRACE(TraceNormal) << gRole.name << "leaves its loop with" << int(ended);
-    logLine("stops");
+    logLine(gRole.name, "stops");
     manager.release();
     BTRACE(TraceNormal) << gRole.name << "ends";
 }
