@@ -32,6 +32,7 @@
 #include <unistd.h>
 
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -77,28 +78,44 @@ unsigned freePort()
     return ntohs(address.sin_port);
 }
 
-// CPU milliseconds (user and system) of a process so far.
-double cpuMs(pid_t pid)
+// CPU milliseconds (user and system) of a process so far; with `reaped`,
+// also of the children it has collected.
+double cpuMs(pid_t pid, bool reaped = false)
 {
     QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
     if (!stat.open(QIODevice::ReadOnly))
         return 0;
     const QList<QByteArray> fields = stat.readAll().split(')').last().trimmed().split(' ');
-    if (fields.size() < 13)
+    if (fields.size() < 15)
         return 0;
-    return (fields[11].toDouble() + fields[12].toDouble()) * 1000.0 / double(sysconf(_SC_CLK_TCK));
+    double ticks = fields[11].toDouble() + fields[12].toDouble();
+    if (reaped)
+        ticks += fields[13].toDouble() + fields[14].toDouble();
+    return ticks * 1000.0 / double(sysconf(_SC_CLK_TCK));
 }
 
-// The Hub, the top, and the Hub's children (the tree's leaves).
-double treeCpuMs(pid_t top)
+// The Hub's running children: the tree's leaves.
+double leavesCpuMs()
 {
-    double total = cpuMs(gHub) + cpuMs(top);
+    double total = 0;
     QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(gHub));
     if (children.open(QIODevice::ReadOnly))
         for (const QByteArray& child : children.readAll().split(' '))
             if (!child.trimmed().isEmpty())
                 total += cpuMs(pid_t(child.trimmed().toInt()));
     return total;
+}
+
+// The Hub, the top and the leaves, while they all run.
+double treeCpuMs(pid_t top) { return cpuMs(gHub) + cpuMs(top) + leavesCpuMs(); }
+
+// What this process's collected children (the tops) have spent.
+double collectedCpuMs()
+{
+    rusage usage;
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000.0 +
+           (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000.0;
 }
 
 MsgAddress top() { return MsgAddress(Context::machineName(), "Bench", Group); }
@@ -244,16 +261,18 @@ void ShutdownSixteenChildren(benchmark::State& state)
             state.SkipWithError("the tree did not come up");
             break;
         }
-        const double before = treeCpuMs(tree.pid);
+        // The leaves end as children of the Hub, which collects them, the
+        // top as this process's.
+        const double before = cpuMs(gHub, true) + leavesCpuMs() + cpuMs(tree.pid) + collectedCpuMs();
         state.ResumeTiming();
         QElapsedTimer clock;
         clock.start();
         const bool ended = tree.shutdown();
         rounds.push_back(double(clock.nsecsElapsed()) / 1e6);
         state.PauseTiming();
-        // The top has been collected here after; the leaves by the Hub.
-        cpu += treeCpuMs(tree.pid) - before;
         tree.reap();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        cpu += cpuMs(gHub, true) + leavesCpuMs() + collectedCpuMs() - before;
         state.ResumeTiming();
         if (!ended) {
             state.SkipWithError("the tree did not end");
