@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 
+#include <dlfcn.h>
+
 namespace Brevi {
 
 bool FixedPath::mbInitialized = false;
@@ -41,6 +43,22 @@ QString FixedPath::environment(const char* name)
 QString FixedPath::rules(unsigned n)
 {
     return msRulesBase.isEmpty() ? QString() : msRulesBase + '/' + QString::number(n);
+}
+
+QString FixedPath::data()
+{
+    // Where this library itself was loaded from decides, as for the
+    // pkg-config file: the relative step from its directory to the data
+    // directory is the same wherever the tree is installed.
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void*>(&FixedPath::data), &info) && info.dli_fname) {
+        const QString installed = QFileInfo(QString::fromLocal8Bit(info.dli_fname)).absolutePath() +
+                                  QStringLiteral("/" BREVI_DATA_FROM_LIBDIR);
+        if (isDirectory(installed))
+            return QDir::cleanPath(installed);
+    }
+    const QString built = QStringLiteral(BREVI_BUILD_DATA_DIR);
+    return isDirectory(built) ? built : QString();
 }
 
 bool FixedPath::initialize()

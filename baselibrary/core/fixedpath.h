@@ -56,6 +56,13 @@ public:
     static QString masterRulesDist(const QString& name) { return msMasterRulesDist + '/' + name; }
     static QString masterProfile(const QString& name) { return msMasterProfiles + '/' + name + ".cfg"; }
 
+    // The data installed with the library (the default rule files): the
+    // directory <prefix>/share/brevi that belongs to the <prefix>/lib this
+    // library was loaded from, so an installed tree may move; for a library
+    // that runs where it was built, the build tree's share/brevi. It does not
+    // depend on home or on initialize(); empty if neither directory exists.
+    static QString data();
+
     // An environment variable through a 1024-character buffer, with one pair
     // of enclosing quotes removed; empty when not set.
     static QString environment(const char* name);
