@@ -43,6 +43,9 @@ const unsigned BusyWaitMs = 50;
 const unsigned TimerCheckMs = 20;
 // How often monitored processes without a link are looked at.
 const unsigned MonitorCheckMs = 250;
+// How long a leaving process has to close its end of the link once the Hub
+// has ended its own, before the Hub closes the link anyway.
+const unsigned long long LeaveGraceMs = 1000;
 // How long the Hub looks for the end of a process whose link has closed, to
 // remove the shared memory it leaves: a process that lives on without its
 // link keeps its names.
@@ -409,11 +412,19 @@ void Hub::sweep()
 {
     // Dropping a link can fail others (a post that overflows a queue), so
     // repeat until a pass finds none.
+    const unsigned long long time = now();
     for (bool again = true; again;) {
         again = false;
         for (auto it = moLinks.begin(); it != moLinks.end();) {
             HubLink& link = *it->second;
-            if (link.failed() || (link.left() && !link.wantsWrite())) {
+            // A leaving link that has been sent everything: the end of the
+            // stream tells the process so, and its own end, or the grace
+            // time, lets the Hub close it.
+            const bool gone = link.closing() && !link.wantsWrite() &&
+                              (link.left() || time - link.closingSince() >= LeaveGraceMs);
+            if (link.closing() && !link.failed() && !link.wantsWrite())
+                link.endSending();
+            if (link.failed() || gone) {
                 drop(link);
                 it = moLinks.erase(it);
                 again = true;
@@ -457,8 +468,6 @@ void Hub::checkTimers()
             link.holdReceive(time);
         if (!link.processId() && !link.closing() && time - link.createdAt() > moOptions.attachTimeoutMs)
             link.fail("no attach in time");
-        else if (link.closing() && !link.left() && time - link.closingSince() > moOptions.stallTimeoutMs)
-            link.fail("no close after leaving");
         else if (link.stalledFor(time) > moOptions.stallTimeoutMs)
             link.fail("the process takes no bytes");
         else if (link.partialFor(time) > moOptions.stallTimeoutMs)

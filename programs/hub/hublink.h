@@ -92,9 +92,11 @@ public:
 
     // The link is leaving (its process detaches, or its attach was
     // refused): nothing more it sends is routed, nothing more is routed to
-    // it, and it is closed once its queue has gone and the process has closed
-    // its end (`left`), so that the process never meets a reset of a link it
-    // is still draining. `now` starts the time the process has to close.
+    // it. Once its queue has gone the Hub ends its side of the stream
+    // (`endSending`), and it closes the link when the process has closed its
+    // end too (`left`), or when the process's time to do so is up, so that a
+    // process that drains its link as it leaves never meets a reset. `now`
+    // starts that time.
     void setClosing(unsigned long long now)
     {
         if (!mbClosing)
@@ -106,6 +108,9 @@ public:
     // The process has closed its end after leaving: the orderly end.
     void setLeft() { mbLeft = true; }
     bool left() const { return mbLeft; }
+    // Shuts the socket for sending: the process reads the end of the stream.
+    void endSending();
+    bool sendingEnded() const { return mbSendingEnded; }
 
     // Marks the link for removal; the owner sweeps it out and tells whoever
     // waits for its process.
@@ -156,6 +161,7 @@ private:
     bool mbEnabled = false;
     bool mbClosing = false;
     bool mbLeft = false;
+    bool mbSendingEnded = false;
     unsigned long long muiClosingSince = 0;
     bool mbBlocked = false;
 };
