@@ -420,8 +420,8 @@ void Hub::sweep()
             // A leaving link that has been sent everything: the end of the
             // stream tells the process so, and its own end, or the grace
             // time, lets the Hub close it.
-            const bool gone = link.closing() && !link.wantsWrite() &&
-                              (link.left() || time - link.closingSince() >= LeaveGraceMs);
+            const bool gone =
+                link.closing() && !link.wantsWrite() && (link.left() || time - link.closingSince() >= LeaveGraceMs);
             if (link.closing() && !link.failed() && !link.wantsWrite())
                 link.endSending();
             if (link.failed() || gone) {
