@@ -687,6 +687,26 @@ MsgResult ChildManager::handleShutdown(const Msg& message)
     return finish(entry, eMsgResultHandled, message);
 }
 
+void ChildManager::joinIn(const ChildPointer& child, const char* event)
+{
+    switch (meState) {
+    case CMFreezing:
+        child->freeze();
+        break;
+    case CMFrozen:
+    case CMThawing:
+        // A freeze begins only once every child runs.
+        BTRACE(TraceAlways) << "Should not get here:" << child->name() << event << "in" << meState;
+        break;
+    case CMStopping:
+        if (child->shutdown())
+            forget(child);
+        break;
+    default:
+        break;
+    }
+}
+
 MsgResult ChildManager::handleProcessReady(const Msg& message)
 {
     const State entry = meState;
@@ -705,21 +725,7 @@ MsgResult ChildManager::handleProcessReady(const Msg& message)
             if (!child->thread() || child->address().type() != eMsgAddressContext)
                 notifyRouter(HubRtrRegisterNotifyOnExitPost::Message, child->address());
             child->state(CMRunning);
-            switch (meState) {
-            case CMFreezing:
-                child->freeze();
-                break;
-            case CMFrozen:
-            case CMThawing:
-                BTRACE(TraceAlways) << "Should not get here:" << child->name() << "ready in" << meState;
-                break;
-            case CMStopping:
-                if (child->shutdown())
-                    forget(child);
-                break;
-            default:
-                break;
-            }
+            joinIn(child, "ready");
         }
     }
     return finish(entry, result, message);
@@ -797,21 +803,7 @@ MsgResult ChildManager::handleThreadConnect(const Msg& message)
     } else if (child->state() == CMStopping) {
         child->send(ChildMgrShutdownPost::Message, XmlList(), QString());
     }
-    switch (meState) {
-    case CMFreezing:
-        child->freeze();
-        break;
-    case CMFrozen:
-    case CMThawing:
-        BTRACE(TraceAlways) << "Should not get here:" << child->name() << "connected in" << meState;
-        break;
-    case CMStopping:
-        if (child->shutdown())
-            forget(child);
-        break;
-    default:
-        break;
-    }
+    joinIn(child, "connected");
     return finish(entry, eMsgResultHandled, message);
 }
 

@@ -223,6 +223,9 @@ private:
     void replyFailure(const Msg& message, const QString& name, const QString& reason) const;
     static bool isManagerMessage(const QString& name, HonorHubShutdown honor);
     HandlerPointer bound(MsgResult (ChildManager::*member)(const Msg&));
+    // A child that has just become ready or connected joins what the
+    // manager is doing: a freeze under way, or a shutdown.
+    void joinIn(const ChildPointer& child, const char* event);
     // The common frame of the handlers: checkState, and the result.
     MsgResult finish(State entry, MsgResult result, const Msg& message);
 
