@@ -2,7 +2,6 @@
 
 #include "core/context.h"
 #include "core/datasize.h"
-#include "core/fixedpath.h"
 #include "core/machinename.h"
 #include "core/trace.h"
 #include "logging/html.h"
@@ -12,7 +11,6 @@
 #include "messaging/msgcatalogue.h"
 
 #include <QDate>
-#include <QFileInfo>
 #include <QObject>
 #include <QTime>
 
@@ -297,16 +295,6 @@ void Log::sendMessage()
     moBody = XmlList();
     msFormat.clear();
     muiCounter = 0;
-}
-
-QString Log::getFileName(const QString& extension) const
-{
-    const QString stem = FixedPath::runtime() + QStringLiteral("/logdaemon/") + Context::address().machine().string() +
-                         QLatin1Char('_') + QString::number(Context::systemTime());
-    QString name = stem + QLatin1Char('.') + extension;
-    for (unsigned n = 1; QFileInfo::exists(name); ++n)
-        name = stem + QLatin1Char('_') + QString::number(n) + QLatin1Char('.') + extension;
-    return name;
 }
 
 } // namespace Brevi

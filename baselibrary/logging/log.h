@@ -143,11 +143,6 @@ public:
     const QString& buildNumber() const { return msBuildNumber; }
 
 private:
-    // A name under runtime/logdaemon for a file that goes with a message:
-    // "<machine>_<systemTime>.<extension>", or with "_1", "_2"... before the
-    // dot while a file of the name exists. No file is made.
-    QString getFileName(const QString& extension) const;
-
     // The key of the next non-string value, "%<counter><letter>"; false, and
     // traced, when there is no format yet.
     bool nextKey(char letter, QString& key) const;

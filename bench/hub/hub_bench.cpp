@@ -27,6 +27,8 @@
 #include "sockets/tcpsocketlisten.h"
 #include "sockets/tcpsocketselect.h"
 
+#include "benchprocess.h"
+
 #include <QByteArray>
 #include <QTemporaryDir>
 
@@ -52,6 +54,8 @@
 
 using namespace Brevi;
 using namespace Brevi::Catalogue;
+using BreviBench::HubRun;
+using BreviBench::ProcessCpu;
 
 namespace {
 
@@ -123,70 +127,24 @@ XmlList smallBody()
     return body;
 }
 
-// The real Hub, in a home of its own (or the one given), on a port that was
-// free.
-class HubRun
+// Attaches and enables an end on the Hub; its flat address, empty on failure.
+QByteArray attach(const HubRun& hub, End& end, const QString& title)
 {
-public:
-    explicit HubRun(const QString& givenHome = QString())
-    {
-        port = TCPSocketListen("Probe", NetAddress(QHostAddress::LocalHost, 0), 1).localAddress().getPort();
-        const QByteArray program = HUB_PATH;
-        const QByteArray portText = QByteArray::number(port);
-        const QByteArray home = (givenHome.isEmpty() ? moHome.path() : givenHome).toLocal8Bit();
-        const char* argv[] = {
-            program.constData(), "--port", portText.constData(), "--node", "bench", "--machine-id", "0", "--home",
-            home.constData(),    nullptr};
-        miPid = ::fork();
-        if (miPid == 0) {
-            ::execv(argv[0], const_cast<char**>(argv));
-            ::_exit(127);
-        }
-    }
-    ~HubRun()
-    {
-        ::kill(miPid, SIGTERM);
-        ::waitpid(miPid, nullptr, 0);
-    }
-
-    // True once the Hub takes connections (within a few seconds).
-    bool listening() const
-    {
-        for (int tries = 0; tries < 250; ++tries) {
-            TCPSocketData probe("Probe", NetAddress(QHostAddress::LocalHost, port));
-            if (probe.isValid() && probe.complete(200))
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
-
-    // Attaches and enables an end; its flat address, empty on failure.
-    QByteArray attach(End& end, const QString& title)
-    {
-        XmlList body;
-        body.set(HubMgrAttachRequest::Title, title);
-        body.set(HubMgrAttachRequest::Type, HubMgrAttachRequest::TypeAttached);
-        for (int tries = 0; tries < 200 && !end.connect(port); ++tries)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        if (!end.send(message("3/1", QByteArray(), HubMgrAttachRequest::Message, body)))
-            return QByteArray();
-        const boost::shared_ptr<IpcPacket> reply = end.receive();
-        unsigned id = 0;
-        if (!reply || !static_cast<MsgPacket&>(*reply).xml().get(id, HubMgrAttachReply::ProcessId))
-            return QByteArray();
-        if (!end.send(message("3/1", QByteArray(), HubMgrConnectionEnableRequest::Message)) || !end.receive())
-            return QByteArray();
-        return "1/" + QByteArray::number(id) + "/bench@0";
-    }
-
-    unsigned port = 0;
-    pid_t pid() const { return miPid; }
-
-private:
-    QTemporaryDir moHome;
-    pid_t miPid = -1;
-};
+    XmlList body;
+    body.set(HubMgrAttachRequest::Title, title);
+    body.set(HubMgrAttachRequest::Type, HubMgrAttachRequest::TypeAttached);
+    for (int tries = 0; tries < 200 && !end.connect(hub.port); ++tries)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (!end.send(message("3/1", QByteArray(), HubMgrAttachRequest::Message, body)))
+        return QByteArray();
+    const boost::shared_ptr<IpcPacket> reply = end.receive();
+    unsigned id = 0;
+    if (!reply || !static_cast<MsgPacket&>(*reply).xml().get(id, HubMgrAttachReply::ProcessId))
+        return QByteArray();
+    if (!end.send(message("3/1", QByteArray(), HubMgrConnectionEnableRequest::Message)) || !end.receive())
+        return QByteArray();
+    return "1/" + QByteArray::number(id) + "/bench@0";
+}
 
 // The lower bound: a process that copies bytes between its two connections.
 class RelayRun
@@ -243,40 +201,10 @@ private:
     pid_t miPid = -1;
 };
 
-// The CPU time that the process in the middle spends per item, all its
-// threads counted, as the counter "middle_us": unlike the rate, it hardly
-// moves when other work shares the machine.
-class MiddleCpu
-{
-public:
-    explicit MiddleCpu(pid_t pid)
-    {
-        if (::clock_getcpuclockid(pid, &moClock) == 0)
-            miStart = now();
-    }
-    void report(benchmark::State& state, int64_t items) const
-    {
-        const long long end = now();
-        if (miStart >= 0 && end >= miStart && items > 0)
-            state.counters["middle_us"] = double(end - miStart) / 1000.0 / double(items);
-    }
-
-private:
-    long long now() const
-    {
-        timespec time;
-        if (::clock_gettime(moClock, &time) != 0)
-            return -1;
-        return (long long)(time.tv_sec) * 1000000000LL + time.tv_nsec;
-    }
-    clockid_t moClock = 0;
-    long long miStart = -1;
-};
-
 void roundTrips(benchmark::State& state, pid_t middle, End& a, End& b, const boost::shared_ptr<IpcPacket>& ping,
                 const boost::shared_ptr<IpcPacket>& pong)
 {
-    const MiddleCpu cpu(middle);
+    const ProcessCpu cpu(middle);
     for (auto _ : state) {
         if (!a.send(ping) || !b.receive() || !b.send(pong) || !a.receive()) {
             state.SkipWithError("a round trip failed");
@@ -284,12 +212,12 @@ void roundTrips(benchmark::State& state, pid_t middle, End& a, End& b, const boo
         }
     }
     state.SetItemsProcessed(state.iterations());
-    cpu.report(state, state.iterations());
+    cpu.report(state, "middle_us", state.iterations());
 }
 
 void stream(benchmark::State& state, pid_t middle, End& a, End& b, const boost::shared_ptr<IpcPacket>& packet)
 {
-    const MiddleCpu cpu(middle);
+    const ProcessCpu cpu(middle);
     for (auto _ : state) {
         // The receiver reads as the sender writes, so that neither side's
         // buffers fill and stall the other.
@@ -306,15 +234,15 @@ void stream(benchmark::State& state, pid_t middle, End& a, End& b, const boost::
         }
     }
     state.SetItemsProcessed(state.iterations() * Batch);
-    cpu.report(state, state.iterations() * Batch);
+    cpu.report(state, "middle_us", state.iterations() * Batch);
 }
 
 void HubRoundTrip(benchmark::State& state)
 {
     HubRun hub;
     End a, b;
-    const QByteArray addressA = hub.attach(a, "ping");
-    const QByteArray addressB = hub.attach(b, "pong");
+    const QByteArray addressA = attach(hub, a, "ping");
+    const QByteArray addressB = attach(hub, b, "pong");
     if (addressA.isEmpty() || addressB.isEmpty()) {
         state.SkipWithError("the Hub did not attach the ends");
         return;
@@ -341,8 +269,8 @@ void HubStream(benchmark::State& state)
 {
     HubRun hub;
     End a, b;
-    const QByteArray addressA = hub.attach(a, "ping");
-    const QByteArray addressB = hub.attach(b, "pong");
+    const QByteArray addressA = attach(hub, a, "ping");
+    const QByteArray addressB = attach(hub, b, "pong");
     if (addressA.isEmpty() || addressB.isEmpty()) {
         state.SkipWithError("the Hub did not attach the ends");
         return;
@@ -447,7 +375,7 @@ bool reachable(const MsgAddress& pong)
 
 void roundTrips(benchmark::State& state, const MsgAddress& pong)
 {
-    const MiddleCpu cpu(current.middle);
+    const ProcessCpu cpu(current.middle);
     for (auto _ : state) {
         if (!Msg(pong, Ping, smallBody()).send() || !Msg::wait(Pong, 5)) {
             state.SkipWithError("a round trip failed");
@@ -455,13 +383,13 @@ void roundTrips(benchmark::State& state, const MsgAddress& pong)
         }
     }
     state.SetItemsProcessed(state.iterations());
-    cpu.report(state, state.iterations());
+    cpu.report(state, "middle_us", state.iterations());
 }
 
 void stream(benchmark::State& state, const MsgAddress& pong)
 {
     XmlList body = smallBody();
-    const MiddleCpu cpu(current.middle);
+    const ProcessCpu cpu(current.middle);
     for (auto _ : state) {
         int sent = 0;
         int acknowledged = 0;
@@ -481,7 +409,7 @@ void stream(benchmark::State& state, const MsgAddress& pong)
         }
     }
     state.SetItemsProcessed(state.iterations() * Batch);
-    cpu.report(state, state.iterations() * Batch);
+    cpu.report(state, "middle_us", state.iterations() * Batch);
 }
 
 void pingMain()
@@ -502,12 +430,8 @@ void pingMain()
 void run(benchmark::State& state, bool stream)
 {
     HubRun hub(home());
-    if (!hub.listening()) {
-        state.SkipWithError("the Hub did not start");
+    if (!hub.ready(state))
         return;
-    }
-    ::setenv("BREVI_HOME", home().toLocal8Bit().constData(), 1);
-    ::setenv("BREVI_HUB_PORT", QByteArray::number(hub.port).constData(), 1);
     PongProcess pong;
     current = Run{&state, hub.pid(), stream};
     if (!Context::run(pingMain, Context::TypeAttached, Context::FlagAttachOnce, "benchping"))
@@ -668,7 +592,7 @@ void ZmqRoundTrip(benchmark::State& state)
         state.SkipWithError("the ZeroMQ ends did not connect");
         return;
     }
-    const MiddleCpu cpu(broker.pid());
+    const ProcessCpu cpu(broker.pid());
     for (auto _ : state) {
         if (!ends.send(ends.front(), ping) || !ends.receive(ends.back(), ping.size()) ||
             !ends.send(ends.back(), pong) || !ends.receive(ends.front(), pong.size())) {
@@ -677,7 +601,7 @@ void ZmqRoundTrip(benchmark::State& state)
         }
     }
     state.SetItemsProcessed(state.iterations());
-    cpu.report(state, state.iterations());
+    cpu.report(state, "middle_us", state.iterations());
 }
 
 void ZmqStream(benchmark::State& state)
@@ -694,7 +618,7 @@ void ZmqStream(benchmark::State& state)
         state.SkipWithError("the ZeroMQ ends did not connect");
         return;
     }
-    const MiddleCpu cpu(broker.pid());
+    const ProcessCpu cpu(broker.pid());
     for (auto _ : state) {
         int sent = 0;
         int received = 0;
@@ -709,7 +633,7 @@ void ZmqStream(benchmark::State& state)
         }
     }
     state.SetItemsProcessed(state.iterations() * Batch);
-    cpu.report(state, state.iterations() * Batch);
+    cpu.report(state, "middle_us", state.iterations() * Batch);
 }
 #endif
 

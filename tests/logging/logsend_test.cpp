@@ -1,6 +1,6 @@
-// Sending log messages inside one process: each context's Log, where a
-// message may go and where not, and a thread that logs through the context it
-// is connected to.
+// Sending log messages inside one process: each context's Log, and where a
+// message may go and where not. A thread that logs through the context it is
+// connected to is followed to the real daemon in logend_test.cpp.
 
 #include "core/context.h"
 #include "logging/log.h"
@@ -8,7 +8,6 @@
 #include "messaging/messaging.h"
 #include "messaging/msg.h"
 #include "messaging/msgcatalogue.h"
-#include "messaging/threadcomms.h"
 
 #include "logtesting.h"
 #include "testhome.h"
@@ -39,8 +38,6 @@ bool runIn(Context::Type type, void (*body)())
         },
         type, 0, "Log Sender");
 }
-
-ThreadComms* gLink = nullptr;
 
 } // namespace
 
@@ -100,42 +97,5 @@ TEST(LogSend, AMessageGoesWholeAndTheLogStartsAfresh)
         EXPECT_EQ(items(message.body()), Head + "|Arg=%1s|%1s=one");
         EXPECT_EQ(items(Msg::receive(5).body()), Head + "|Arg=%1s|%1s=two");
         EXPECT_FALSE(Msg::receive(0)) << "one statement, one message";
-    }));
-}
-
-// A thread's log messages go to the context it is connected to, which passes
-// them on to its logging address: here itself, so that the test reads them.
-TEST(LogProxy, AThreadLogsThroughTheContextItIsConnectedTo)
-{
-    BreviTest::TestHome home;
-    ASSERT_TRUE(runIn(Context::TypeStandalone, [] {
-        Context::messaging()->setLoggingAddress(Context::address());
-        ThreadComms comms("logger");
-        gLink = &comms;
-        std::thread worker([] {
-            runIn(Context::TypeStandalone, [] {
-                ThreadComms comms = *gLink;
-                ASSERT_TRUE(comms.connect(Log::eProxy));
-                EXPECT_FALSE(Context::messaging()->loggingAddress()) << "only an attached context is made proxy";
-                Context::messaging()->setLoggingAddress(comms.address());
-                BREVI_LOG("C", Log::eLogError) << "Worker %1i" << 3;
-                comms.send("WorkerDonePost");
-                Msg::wait("ParentDonePost", 10);
-                comms.disconnect();
-            });
-        });
-        ASSERT_TRUE(Msg::wait(Catalogue::MsgConnectedPost::Message, 10));
-        // The passed-on message and the worker's post, in either order.
-        const LogLines proxied(TraceModuleMsg);
-        Msg passedOn, done;
-        for (int i = 0; i < 4 && (!passedOn || !done); ++i) {
-            const Msg message = Msg::receive(5);
-            (message.name() == "WorkerDonePost" ? done : passedOn) = message;
-        }
-        EXPECT_EQ(passedOn.source(), Context::address()) << "passed on in the proxy's name";
-        EXPECT_EQ(items(passedOn.body()), Head + "|Arg=Worker %1i|%1i=3");
-        EXPECT_EQ(proxied.count("#### Proxy a log message ####"), 1);
-        Msg(done.source(), "ParentDonePost").send();
-        worker.join();
     }));
 }

@@ -11,6 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+
+// Failed comparisons of texts print the texts.
+inline void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
+
 namespace BreviTest {
 
 // The items of a log body in order, "name=value" joined by "|"; a value that
