@@ -217,16 +217,15 @@ public:
     void checkState(bool& changed, MsgResult& result, const Msg& message) override
     {
         ChildManager::checkState(changed, result, message);
-        if (mbHold || state() != CMFreezing || !childrenFrozen())
+        if (mbHold)
             return;
-        frozen();
-        logLine(msName, "is frozen");
-        changed = true;
-        if (!waitForThaw() || state() != CMRunning) {
-            result = eMsgResultExit;
-            return;
-        }
-        logLine(msName, "runs again");
+        // The freeze is taken, and waited out, inside.
+        const bool freezing = state() == CMFreezing && childrenFrozen();
+        if (freezing)
+            logLine(msName, "is frozen");
+        simpleFreezeCheckState(changed, result, message);
+        if (freezing && state() == CMRunning)
+            logLine(msName, "runs again");
     }
 
 private:

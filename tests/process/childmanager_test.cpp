@@ -13,6 +13,8 @@
 #include "messaging/threadcomms.h"
 #include "process/child.h"
 #include "process/childmanager.h"
+#include "process/conditiondone.h"
+#include "process/conditionmsgwithcookie.h"
 
 #include <boost/make_shared.hpp>
 #include <boost/thread/thread.hpp>
@@ -390,6 +392,32 @@ TEST(ChildManager, ShutdownWaitsForTheChildrenItMustAndEndsTheLoop)
             EXPECT_EQ(waitedRecord->state(), ChildManager::CMStopped);
             EXPECT_FALSE(manager.shutdown());
             manager.release();
+        },
+        Context::TypeStandalone);
+}
+
+TEST(ChildManager, ConditionsEndAWaitOnTheirMessageOrOnTheStop)
+{
+    inContext(
+        [] {
+            Remote other("other");
+            ChildManager manager;
+            manager.initialize(ChildManager::CMRunning);
+            ConditionMsgWithCookie answer(manager, "AnswerPost", "mine");
+            other.says("AnswerPost", XmlList(), "theirs");
+            other.says("AnswerPost", XmlList(), "mine");
+            EXPECT_EQ(Msg::wait(answer, 5), eMsgResultOk);
+            EXPECT_EQ(answer.message().getCookie(), "mine");
+
+            // A shutdown ends the waits for what will not come now.
+            ConditionMsg next(manager, "NextPost");
+            ConditionDone done(manager);
+            EXPECT_FALSE(done.done());
+            manager.shutdown();
+            EXPECT_EQ(Msg::wait(next, 5), eMsgResultExit) << "the empty manager's loop ends";
+            EXPECT_TRUE(next.done());
+            EXPECT_FALSE(next.message());
+            EXPECT_EQ(Msg::wait(done, 5), eMsgResultOk);
         },
         Context::TypeStandalone);
 }
