@@ -235,7 +235,11 @@ TEST_F(AttachedHub, ExitIsToldForALeaverAndForAKilledProcessWhoseTraceTheHubKeep
             EXPECT_EQ(status(leaver), 0);
             EXPECT_EQ(told(HubRtrProcessExitedPost::Message), named("leaver"));
 
-            // One killed outright says nothing; its link closes with it.
+            // One killed outright says nothing; its link closes with it. It is
+            // killed only once it answers, so that its first trace line is
+            // surely in its buffer: ready is told before its work begins.
+            ASSERT_TRUE(Msg(named("victim"), "EchoRequest").send());
+            ASSERT_TRUE(waitFor("EchoReply"));
             victim.kill(SIGKILL);
             EXPECT_EQ(status(victim), 128 + SIGKILL);
             EXPECT_EQ(told(HubRtrProcessExitedPost::Message), named("victim"));
