@@ -12,6 +12,9 @@
 // spent per round.
 //
 //   build/bench/childmanager/childmanager_bench
+#include "benchprocess.h"
+#include "benchsupport.h"
+
 #include "core/context.h"
 #include "messaging/msg.h"
 #include "messaging/msgaddress.h"
@@ -25,16 +28,11 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <memory>
 #include <thread>
 #include <vector>
 
-#include <csignal>
 #include <unistd.h>
-
-#include <netinet/in.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 
 using namespace Brevi;
 using namespace Brevi::Catalogue;
@@ -46,37 +44,6 @@ const char* const Group = "Supervised";
 const int AnswerSeconds = 30;
 
 pid_t gHub = 0;
-unsigned gPort = 0;
-
-pid_t launch(const QStringList& arguments)
-{
-    std::vector<QByteArray> storage;
-    for (const QString& argument : arguments)
-        storage.push_back(argument.toLocal8Bit());
-    std::vector<char*> argv;
-    for (QByteArray& item : storage)
-        argv.push_back(item.data());
-    argv.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-unsigned freePort()
-{
-    const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    bind(probe, reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-    close(probe);
-    return ntohs(address.sin_port);
-}
 
 // CPU milliseconds (user and system) of a process so far; with `reaped`,
 // also of the children it has collected.
@@ -110,13 +77,7 @@ double leavesCpuMs()
 double treeCpuMs(pid_t top) { return cpuMs(gHub) + cpuMs(top) + leavesCpuMs(); }
 
 // What this process's collected children (the tops) have spent.
-double collectedCpuMs()
-{
-    rusage usage;
-    getrusage(RUSAGE_CHILDREN, &usage);
-    return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000.0 +
-           (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000.0;
-}
+double collectedCpuMs() { return BreviBench::childCpuSeconds() * 1000.0; }
 
 MsgAddress top() { return MsgAddress(Context::machineName(), "Bench", Group); }
 
@@ -147,11 +108,13 @@ Msg exchange(const QString& name, const QStringList& replies)
 // A tree, started and waited for until all its children run: until then a
 // freeze is refused, and then thawed again.
 struct Tree {
+    std::unique_ptr<BreviBench::Program> process;
     pid_t pid = 0;
 
     bool start()
     {
-        pid = launch({SUPERVISED_PATH, "--name", "Bench", "--shape", Shape});
+        process.reset(new BreviBench::Program(SUPERVISED_PATH, {"--name", "Bench", "--shape", Shape}));
+        pid = process->pid();
         for (int attempt = 0; attempt < 600; ++attempt) {
             const Msg frozen = exchange(ChildMgrFreezeRequest::Message, {ChildMgrFreezeReply::Message});
             if (frozen.getBool(ChildMgrFreezeReply::Success))
@@ -176,10 +139,10 @@ struct Tree {
                 return true;
         }
     }
+    // The top has ended by now, or is ended.
     void reap()
     {
-        if (pid > 0)
-            waitpid(pid, nullptr, 0);
+        process.reset();
         pid = 0;
     }
 };
@@ -286,17 +249,6 @@ BENCHMARK(RoundTripToTheTop)->Unit(benchmark::kMillisecond)->UseRealTime()->Iter
 BENCHMARK(FreezeAndThawSixteenChildren)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(200);
 BENCHMARK(ShutdownSixteenChildren)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(15);
 
-int gArgc = 0;
-char** gArgv = nullptr;
-int gResult = 0;
-
-void run()
-{
-    benchmark::Initialize(&gArgc, gArgv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -304,16 +256,10 @@ int main(int argc, char** argv)
     QTemporaryDir home;
     QTemporaryDir programs;
     QFile::link(SUPERVISED_PATH, programs.filePath("supervised"));
-    setenv("BREVI_HOME", home.path().toLocal8Bit().constData(), 1);
-    gPort = freePort();
-    setenv("BREVI_HUB_PORT", QByteArray::number(gPort).constData(), 1);
-    gHub = launch({HUB_PATH, "--port", QString::number(gPort), "--node", "bench", "--machine-id", "0001", "--programs",
-                   programs.path()});
-    gArgc = argc;
-    gArgv = argv;
-    // The Hub needs a moment to listen: the attach tries for a while.
-    const bool ran = Context::run(run, Context::TypeAttached, Context::FlagNoTraceBuffer, "childmanager bench");
-    kill(gHub, SIGTERM);
-    waitpid(gHub, nullptr, 0);
-    return ran ? gResult : 1;
+    const BreviBench::HubRun hub(home.path(), {"--programs", programs.path()});
+    if (!hub.listening())
+        return 1;
+    gHub = hub.pid();
+    setenv("BREVI_HUB_PORT", QByteArray::number(hub.port).constData(), 1);
+    return BreviBench::runInContext(argc, argv, Context::TypeAttached, "childmanager bench", home.path());
 }
