@@ -12,6 +12,7 @@
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
+#include <functional>
 
 namespace Brevi {
 
@@ -51,24 +52,58 @@ Trace& operator<<(Trace& trace, ChildManager::State state) { return trace << Chi
 
 // --- the conditions its waits end on ----------------------------------------
 
-// Each keeps a true answer, with the flag that came with it.
-class ConditionThawed : public MsgCondition
+// Asks `test` whether a waiter is finished, and with what flag; keeps a true
+// answer.
+class ConditionFlag : public MsgCondition
 {
 public:
-    explicit ConditionThawed(const ChildManager& manager)
-        : mrManager(manager)
+    explicit ConditionFlag(const std::function<bool(bool&)>& test)
+        : moTest(test)
     {}
     bool done() override
     {
-        if (!mbDone && mrManager.thawed(mbSuccess))
+        if (!mbDone && moTest(mbSuccess))
             setDone(true);
         return mbDone;
     }
     bool success() const { return mbSuccess; }
 
+    // Finished at once (the flag as it stands), or waited for without limit:
+    // the flag counts when the wait ended on this condition.
+    bool settle()
+    {
+        if (done())
+            return mbSuccess;
+        return Msg::wait(*this, -1) == eMsgResultOk && mbSuccess;
+    }
+
 private:
-    const ChildManager& mrManager;
+    std::function<bool(bool&)> moTest;
     bool mbSuccess = false;
+};
+
+class ConditionThawed : public ConditionFlag
+{
+public:
+    explicit ConditionThawed(const ChildManager& manager)
+        : ConditionFlag([&manager](bool& flag) { return manager.thawed(flag); })
+    {}
+};
+
+class ConditionExited : public ConditionFlag
+{
+public:
+    ConditionExited(const ChildManager& manager, const ChildManager::ChildPointer& child)
+        : ConditionFlag([&manager, child](bool& flag) { return manager.exited(flag, child); })
+    {}
+};
+
+class ConditionReady : public ConditionFlag
+{
+public:
+    ConditionReady(const ChildManager& manager, const ChildManager::ChildPointer& child)
+        : ConditionFlag([&manager, child](bool& flag) { return manager.ready(flag, child); })
+    {}
 };
 
 class ConditionChildrenExited : public MsgCondition
@@ -86,48 +121,6 @@ public:
 
 private:
     const ChildManager& mrManager;
-};
-
-class ConditionExited : public MsgCondition
-{
-public:
-    ConditionExited(const ChildManager& manager, const ChildManager::ChildPointer& child)
-        : mrManager(manager)
-        , mptChild(child)
-    {}
-    bool done() override
-    {
-        if (!mbDone && mrManager.exited(mbSuccess, mptChild))
-            setDone(true);
-        return mbDone;
-    }
-    bool success() const { return mbSuccess; }
-
-private:
-    const ChildManager& mrManager;
-    ChildManager::ChildPointer mptChild;
-    bool mbSuccess = false;
-};
-
-class ConditionReady : public MsgCondition
-{
-public:
-    ConditionReady(const ChildManager& manager, const ChildManager::ChildPointer& child)
-        : mrManager(manager)
-        , mptChild(child)
-    {}
-    bool done() override
-    {
-        if (!mbDone && mrManager.ready(mbSuccess, mptChild))
-            setDone(true);
-        return mbDone;
-    }
-    bool success() const { return mbSuccess; }
-
-private:
-    const ChildManager& mrManager;
-    ChildManager::ChildPointer mptChild;
-    bool mbSuccess = false;
 };
 
 // --- construction ---------------------------------------------------------------
@@ -433,39 +426,24 @@ bool ChildManager::exited(bool& flag, const ChildPointer& child) const
 
 bool ChildManager::waitForThaw()
 {
-    bool flag = false;
-    if (thawed(flag))
-        return flag;
     ConditionThawed condition(*this);
-    if (Msg::wait(condition, -1) == eMsgResultOk)
-        flag = condition.success();
-    return flag;
+    return condition.settle();
 }
 
 bool ChildManager::waitForReady(ChildPointer child)
 {
     if (!child)
         return false;
-    bool flag = false;
-    if (ready(flag, child))
-        return flag;
     ConditionReady condition(*this, child);
-    if (Msg::wait(condition, -1) == eMsgResultOk)
-        flag = condition.success();
-    return flag;
+    return condition.settle();
 }
 
 bool ChildManager::waitForExit(ChildPointer child)
 {
     if (!child)
         return false;
-    bool flag = false;
-    if (exited(flag, child))
-        return flag;
     ConditionExited condition(*this, child);
-    if (Msg::wait(condition, -1) == eMsgResultOk)
-        flag = condition.success();
-    return flag;
+    return condition.settle();
 }
 
 // --- the list -------------------------------------------------------------------
@@ -535,17 +513,7 @@ bool ChildManager::removeChild(ChildPointer child)
         BTRACE(TraceAlways) << "Attempt to remove a thread is an error";
         return false;
     }
-    if (!contains(child)) {
-        BTRACE(TraceAlways) << "Unknown child" << child->name();
-        return false;
-    }
-    // One still starting keeps its ready watch with the Hub, which answers it
-    // into the void.
-    if (between(child->state(), CMRunning, CMStopping))
-        notifyRouter(HubRtrUnregisterNotifyOnExitPost::Message, child->address());
-    forget(child);
-    child->state(CMStopped);
-    return true;
+    return unwatch(child, "Unknown child");
 }
 
 bool ChildManager::removePeer(ChildPointer child)
@@ -556,10 +524,17 @@ bool ChildManager::removePeer(ChildPointer child)
         BTRACE(TraceAlways) << "Attempt to remove non-peer with a call to removePeer";
         return false;
     }
+    return unwatch(child, "Unknown peer");
+}
+
+bool ChildManager::unwatch(const ChildPointer& child, const char* unknown)
+{
     if (!contains(child)) {
-        BTRACE(TraceAlways) << "Unknown peer" << child->name();
+        BTRACE(TraceAlways) << unknown << child->name();
         return false;
     }
+    // One still starting keeps its ready watch with the Hub, which answers it
+    // into the void.
     if (between(child->state(), CMRunning, CMStopping))
         notifyRouter(HubRtrUnregisterNotifyOnExitPost::Message, child->address());
     forget(child);

@@ -219,6 +219,9 @@ private:
     bool notInitialized(const char* call) const;
     // Removes the record from the list, without any message.
     void forget(const ChildPointer& child);
+    // The common end of removeChild and removePeer: `unknown` is traced for
+    // one not in the list; otherwise its exit watch goes and it is stopped.
+    bool unwatch(const ChildPointer& child, const char* unknown);
     void notifyRouter(const QString& name, const MsgAddress& address, bool flush = false) const;
     void replyFailure(const Msg& message, const QString& name, const QString& reason) const;
     static bool isManagerMessage(const QString& name, HonorHubShutdown honor);
