@@ -187,10 +187,11 @@ bool SharedMemoryProvider::initialize(const QString& name)
 {
     boost::mutex::scoped_lock lock(soPrefixMutex);
     if (ssPrefix.isEmpty())
-        ssPrefix = QStringLiteral("Global\\Brevi Shared Memory Buffer for ") +
-                   (name.isEmpty() ? QString::number(getpid()) : name);
+        ssPrefix = nameBase() + (name.isEmpty() ? QString::number(getpid()) : name);
     return !ssPrefix.isEmpty();
 }
+
+QString SharedMemoryProvider::nameBase() { return QStringLiteral("Global\\Brevi Shared Memory Buffer for "); }
 
 QString SharedMemoryProvider::namePrefix()
 {

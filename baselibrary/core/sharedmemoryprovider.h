@@ -23,6 +23,9 @@ public:
     static bool initialize(const QString& name);
     // The name prefix, empty before initialize().
     static QString namePrefix();
+    // What every mapping name begins with, before its owner: how a sweep of
+    // names left behind by processes that died tells them apart.
+    static QString nameBase();
 
     SharedMemoryProvider();
     explicit SharedMemoryProvider(unsigned size);

@@ -46,6 +46,13 @@ const unsigned BusyWaitMs = 50;
 const unsigned TimerCheckMs = 20;
 // How often monitored processes without a link are looked at.
 const unsigned MonitorCheckMs = 250;
+// How long a leaving process has to close its end of the link once the Hub
+// has ended its own, before the Hub closes the link anyway.
+const unsigned long long LeaveGraceMs = 1000;
+// How long the Hub looks for the end of a process whose link has closed, to
+// remove the shared memory it leaves: a process that lives on without its
+// link keeps its names.
+const unsigned SharedMemoryWatchMs = 10000;
 // Before another attempt to listen after the listener failed.
 const unsigned RelistenMs = 1000;
 // Packets for a link gather until the end of the turn, so that they leave in
@@ -355,6 +362,11 @@ void Hub::serve(HubLink& link)
         const IpcResult result = link.receive(packet, muiNextPacket++, time);
         if (result == eIpcResultAgain)
             return;
+        if (result == eIpcResultClosed && link.closing()) {
+            // It said it leaves, and has closed its end: the orderly end.
+            link.setLeft();
+            return;
+        }
         if (result != eIpcResultOk) {
             link.fail(failureText(result));
             return;
@@ -382,6 +394,8 @@ void Hub::processEnded(const ProcessPointer& process)
     deliverExit(exits);
     deliverReady(readies);
     mpManager->processEnded(*process);
+    // A process that died leaves its own shared memory behind.
+    moSharedMemory.watch(process->osPid, now() + SharedMemoryWatchMs);
 }
 
 void Hub::drop(HubLink& link)
@@ -428,6 +442,7 @@ void Hub::sweep()
 {
     // Dropping a link can fail others (a post that overflows a queue), so
     // repeat until a pass finds none.
+    const unsigned long long time = now();
     for (bool again = true; again;) {
         again = false;
         for (unsigned serial : touched()) {
@@ -435,7 +450,14 @@ void Hub::sweep()
             if (it == moLinks.end())
                 continue;
             HubLink& link = *it->second;
-            if (link.failed() || (link.closing() && !link.wantsWrite())) {
+            // A leaving link that has been sent everything: the end of the
+            // stream tells the process so, and its own end, or the grace
+            // time, lets the Hub close it.
+            const bool gone =
+                link.closing() && !link.wantsWrite() && (link.left() || time - link.closingSince() >= LeaveGraceMs);
+            if (link.closing() && !link.failed() && !link.wantsWrite())
+                link.endSending();
+            if (link.failed() || gone) {
                 drop(link);
                 moLinks.erase(it);
                 again = true;
@@ -500,9 +522,10 @@ void Hub::checkTimers()
     }
     for (const ProcessCreator::Pending& pending : moCreator.expired(time))
         mpManager->creationDone(pending, HubMgrCreateProcessReply::StatusAttachFailed);
-    moCreator.reap();
+    moCreator.reap(time);
     if (time >= muiNextMonitorCheck) {
         checkMonitored();
+        moSharedMemory.check(time);
         muiNextMonitorCheck = time + MonitorCheckMs;
     }
     if (!mpListener && !mbShuttingDown && time >= muiRelistenAt) {
@@ -521,7 +544,7 @@ void Hub::beginShutdown()
     muiShutdownDeadline = now() + moOptions.shutdownTimeoutMs;
     BTRACE(TraceAlways) << "Shutdown: telling" << unsigned(moProcesses.live().size()) << "processes";
     mpListener.reset();
-    for (const ProcessCreator::Pending& pending : moCreator.takeAll())
+    for (const ProcessCreator::Pending& pending : moCreator.takeAll(now()))
         mpManager->creationDone(pending, HubMgrCreateProcessReply::StatusShutdown);
     for (const ProcessPointer& process : moProcesses.live())
         post(*process, HubConstants::RouterId, HubRtrShutdownPost::Message, XmlList());
@@ -562,14 +585,16 @@ int Hub::run()
             HubLink* link = this->link(serial);
             if (!link)
                 continue;
-            const bool reading = !paused(*link);
+            // A link whose process has closed its end is only written to
+            // until it is dropped.
+            const bool reading = !paused(*link) && !link->left();
             const bool writing = link->wantsWrite();
             if (!poller.watch(link->socket()->socket(), link->watched(), reading, writing, serial)) {
                 link->fail("its socket cannot be watched");
                 touch(*link);
-            } else if (!reading) {
+            } else if (paused(*link)) {
                 touch(*link);
-            } else if (link->buffered()) {
+            } else if (reading && link->buffered() && !link->failed()) {
                 backlogged.push_back(link);
             }
         }
@@ -620,6 +645,9 @@ int Hub::run()
         item.second->fail("the Hub stops");
     touchAll();
     sweep();
+    // Nothing the Hub started outlives it: a child that has not left by now
+    // is ended, with whatever it started.
+    moCreator.endAll(ProcessCreator::GraceMs);
     moProcesses.releaseTraceBuffers();
     return 0;
 }

@@ -6,6 +6,7 @@
 #include "processcreator.h"
 #include "processtable.h"
 #include "router.h"
+#include "sharedmemorysweep.h"
 
 #include "core/machinename.h"
 #include "core/xmllist.h"
@@ -103,7 +104,8 @@ public:
     void deliverReady(const std::vector<Notifications::Post>& posts);
     // The process has ended (its link closed, or a monitored process's
     // operating-system process ended): exit posts, failed ready posts, end
-    // of monitor rows; the process's trace buffer is kept.
+    // of monitor rows; the process's trace buffer is kept, and the shared
+    // memory the process itself made is removed once it is gone.
     void processEnded(const ProcessPointer& process);
     // Sends HubRtrShutdownPost to every process, stops listening, and ends
     // the loop once every link has gone or the shutdown time is up.
@@ -143,6 +145,8 @@ private:
     Router moRouter;
     Notifications moNotifications;
     ProcessCreator moCreator;
+    // The names of processes that have ended, removed once they are gone.
+    SharedMemorySweep moSharedMemory;
     std::unique_ptr<HubManager> mpManager;
     std::unique_ptr<TCPSocketListen> mpListener;
     // The wait on the listener and every link.

@@ -4,6 +4,7 @@
 
 #include "hub.h"
 #include "huboptions.h"
+#include "sharedmemorysweep.h"
 
 #include "core/context.h"
 #include "core/fixedpath.h"
@@ -79,6 +80,10 @@ void installSignals()
 void hubMain(int& result, int, char** const)
 {
     SharedMemoryProvider::initialize(QString());
+    // What processes killed earlier left in shared memory, a Hub among them.
+    const unsigned swept = SharedMemorySweep().sweepDead();
+    if (swept)
+        BTRACE(TraceAlways) << "Removed" << swept << "shared memory names of processes that are gone";
     BTRACE(TraceAlways) << "Hub starting: machine" << options.machineName().fullName() << "port" << options.port
                         << "programs" << options.programsDirectory << "trace buffers" << options.traceBufferSize;
     Hub hub(options);

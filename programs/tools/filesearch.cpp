@@ -271,9 +271,10 @@ int main(int argc, char** argv)
     const QCommandLineOption limit("limit", "At most this many results (default 20).", "n");
     parser.addOptions({port, index, java, classpath, larger, smaller, newer, older, sort, limit});
     parser.addPositionalArgument("command", "index or search");
-    parser.process(application);
-
     QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), Tool, err);
+    if (parsed >= 0)
+        return parsed;
     QStringList arguments = parser.positionalArguments();
     const QString command = arguments.isEmpty() ? QString() : arguments.takeFirst();
     bool limitOk = true;

@@ -46,6 +46,7 @@ TEST_F(HubProgram, CommandLineMistakesAndATakenPortEndWithAStatus)
 {
     EXPECT_EQ(runToEnd({"--help"}), 0);
     EXPECT_EQ(runToEnd({"--port", "none"}), 2);
+    EXPECT_EQ(runToEnd({"--no-such-option"}), 2);
     EXPECT_EQ(runToEnd({"--trace-buffer-size", "12"}), 2);
     TCPSocketListen taken("Taken", NetAddress(QHostAddress::LocalHost, 0), 1);
     EXPECT_EQ(runToEnd({"--port", QString::number(taken.localAddress().getPort())}), 1);
