@@ -13,6 +13,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace Brevi {
@@ -73,6 +74,27 @@ int origin(RawFile::Where where)
 // A position whose low 32 bits are all ones has always counted as a failed
 // seek, whatever the system said; callers never use such positions.
 bool failedSeek(off_t result) { return result < 0 || (quint64(result) & 0xFFFFFFFFu) == 0xFFFFFFFFu; }
+
+// Repeats pread or pwrite until all bytes moved, the end of the file, or a
+// failure, whose errno is left in `error`.
+template <typename Byte, typename Call>
+size_t positioned(Call call, int handle, Byte* bytes, size_t count, quint64 position, int& error)
+{
+    size_t moved = 0;
+    while (moved < count) {
+        const ssize_t done = call(handle, bytes + moved, count - moved, off_t(position + moved));
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done < 0) {
+            error = errno;
+            break;
+        }
+        if (done == 0)
+            break;
+        moved += size_t(done);
+    }
+    return moved;
+}
 
 } // namespace
 
@@ -174,6 +196,50 @@ size_t RawFile::write(const void* data, size_t count)
         return 0;
     }
     return size_t(done);
+}
+
+size_t RawFile::readAt(quint64 position, void* data, size_t count)
+{
+    int error = 0;
+    const size_t moved = positioned(::pread, miHandle, static_cast<char*>(data), count, position, error);
+    if (error != 0) {
+        muiLastError = unsigned(error);
+        BTRACE(TraceAlways) << "Read from" << msPath << "failed" << TraceErrorCode(error);
+    }
+    return moved;
+}
+
+size_t RawFile::writeAt(quint64 position, const void* data, size_t count)
+{
+    int error = 0;
+    const size_t moved = positioned(::pwrite, miHandle, static_cast<const char*>(data), count, position, error);
+    if (error != 0) {
+        muiLastError = unsigned(error);
+        BTRACE(TraceAlways) << "Write to" << msPath << "failed" << TraceErrorCode(error);
+    }
+    return moved;
+}
+
+size_t RawFile::writeAt(quint64 position, const void* head, size_t headCount, const void* body, size_t bodyCount)
+{
+    iovec pieces[2] = {{const_cast<void*>(head), headCount}, {const_cast<void*>(body), bodyCount}};
+    ssize_t done;
+    do
+        done = ::pwritev(miHandle, pieces, 2, off_t(position));
+    while (done < 0 && errno == EINTR);
+    if (done < 0) {
+        muiLastError = unsigned(errno);
+        BTRACE(TraceAlways) << "Write to" << msPath << "failed" << TraceErrorCode(int(muiLastError));
+        return 0;
+    }
+    // A short write goes on piece by piece.
+    size_t moved = size_t(done);
+    if (moved < headCount)
+        moved += writeAt(position + moved, static_cast<const char*>(head) + moved, headCount - moved);
+    if (moved >= headCount && moved < headCount + bodyCount)
+        moved += writeAt(position + moved, static_cast<const char*>(body) + (moved - headCount),
+                         headCount + bodyCount - moved);
+    return moved;
 }
 
 // The extent forms call this class's count forms directly: BufferedFile uses

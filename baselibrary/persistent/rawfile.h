@@ -84,6 +84,18 @@ public:
     // One write call: the bytes written, 0 on failure.
     virtual size_t write(const void* data, size_t count);
 
+    // A transfer at `position` that neither uses nor moves the file position,
+    // so that two threads may use one open file at different places at once
+    // (a state record written by one side while the other reads it). Goes on
+    // until all `count` bytes moved: fewer means the end of the file (read)
+    // or a failure, traced as "Read from" or "Write to". They go straight to
+    // the file, around any buffer of a derived class.
+    size_t readAt(quint64 position, void* data, size_t count);
+    size_t writeAt(quint64 position, const void* data, size_t count);
+    // Two pieces written one after the other at `position` in one call: a
+    // header and what follows it. The bytes moved, as above.
+    size_t writeAt(quint64 position, const void* head, size_t headCount, const void* body, size_t bodyCount);
+
     // The current position; 0 on failure.
     virtual quint64 getPosition() const;
     // False without a trace on a closed file. A position whose low 32 bits are

@@ -15,6 +15,8 @@
 
 #include <QTemporaryDir>
 
+#include "benchsupport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <boost/make_shared.hpp>
@@ -141,24 +143,9 @@ void roundTrip(benchmark::State& state)
 }
 BENCHMARK(roundTrip)->UseRealTime();
 
-int gArgc = 0;
-char** gArgv = nullptr;
-
-void runBenchmarks()
-{
-    benchmark::Initialize(&gArgc, gArgv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
-    // A context needs a home; the benchmark's lives as long as the run.
-    QTemporaryDir home;
-    setenv("BREVI_HOME", home.path().toLocal8Bit().constData(), 1);
-    gArgc = argc;
-    gArgv = argv;
-    return Context::run(runBenchmarks, Context::TypeStandalone, 0, "Messaging bench") ? 0 : 1;
+    return BreviBench::runInContext(argc, argv, Context::TypeStandalone, "Messaging bench");
 }

@@ -24,6 +24,8 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
+#include "benchsupport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -299,14 +301,6 @@ void perDirectory(benchmark::State& state)
     finish(state, matched);
 }
 
-double childCpuSeconds()
-{
-    rusage usage;
-    getrusage(RUSAGE_CHILDREN, &usage);
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 void gitCheckIgnore(benchmark::State& state)
 {
     const Tree& paths = tree();
@@ -334,10 +328,10 @@ void gitCheckIgnore(benchmark::State& state)
         git.setWorkingDirectory(repository.path());
         git.setStandardInputFile(input.fileName());
         git.setStandardOutputFile(repository.path() + "/ignored.txt");
-        const double before = childCpuSeconds();
+        const double before = BreviBench::childCpuSeconds();
         git.start("git", {"check-ignore", "--stdin", "--no-index"});
         git.waitForFinished(-1);
-        cpu += childCpuSeconds() - before;
+        cpu += BreviBench::childCpuSeconds() - before;
         QFile output(repository.path() + "/ignored.txt");
         output.open(QIODevice::ReadOnly);
         matched = size_t(output.readAll().count('\n'));

@@ -20,6 +20,8 @@
 
 #include <QTemporaryDir>
 
+#include "benchsupport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -104,25 +106,10 @@ void burst(benchmark::State& state)
 }
 BENCHMARK(burst)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-int gArgc = 0;
-char** gArgv = nullptr;
-
-void runBenchmarks()
-{
-    benchmark::Initialize(&gArgc, gArgv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    Timer::shutdown();
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
-    // A context needs a home; the benchmark's lives as long as the run.
-    QTemporaryDir home;
-    setenv("BREVI_HOME", home.path().toLocal8Bit().constData(), 1);
-    gArgc = argc;
-    gArgv = argv;
-    return Context::run(runBenchmarks, Context::TypeStandalone, 0, "Timer bench") ? 0 : 1;
+    return BreviBench::runInContext(argc, argv, Context::TypeStandalone, "Timer bench", QString(),
+                                    [] { Timer::shutdown(); });
 }

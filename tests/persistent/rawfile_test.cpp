@@ -93,6 +93,28 @@ TEST_F(RawFileTest, ExtentTransfersStopAtTheEndAndRememberFailures)
     EXPECT_EQ(readFile("out"), QByteArray("written"));
 }
 
+TEST_F(RawFileTest, PositionedTransfersLeaveThePositionAlone)
+{
+    RawFile file;
+    ASSERT_TRUE(file.create(path("at"), RawFile::eReadWrite));
+    ASSERT_EQ(file.write("0123456789", 10), 10u);
+    EXPECT_EQ(file.writeAt(2, "ab", 2), 2u);
+    EXPECT_EQ(file.writeAt(12, "z", 1), 1u) << "past the end leaves a hole, as a seek and write would";
+    char bytes[4] = {};
+    EXPECT_EQ(file.readAt(8, bytes, 4), 4u);
+    EXPECT_EQ(QByteArray(bytes, 4), QByteArray("89\0\0", 4));
+    EXPECT_EQ(file.readAt(13, bytes, 4), 0u) << "at the end";
+    EXPECT_EQ(file.writeAt(4, "cd", 2, "ef", 2), 4u) << "a header and a body";
+    EXPECT_EQ(file.getPosition(), 10u);
+    file.close();
+    EXPECT_EQ(readFile("at"), QByteArray("01abcdef89\0\0z", 13));
+
+    RawFile reading(path("at"), RawFile::eReadOnly);
+    EXPECT_EQ(reading.writeAt(0, "x", 1), 0u);
+    EXPECT_EQ(reading.lastError(), unsigned(EBADF));
+    EXPECT_TRUE(traced("Write to"));
+}
+
 TEST_F(RawFileTest, PositionsAreSixtyFourBitAndTheAllOnesLowWordFails)
 {
     RawFile closed;

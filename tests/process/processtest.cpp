@@ -16,20 +16,6 @@
 
 namespace ProcessTest {
 
-namespace {
-const std::function<void()>* gpBody = nullptr;
-void runBody() { (*gpBody)(); }
-} // namespace
-
-void inContext(const std::function<void()>& body, Brevi::Context::Type type)
-{
-    BreviTest::TestHome home;
-    gpBody = &body;
-    const bool ran = Brevi::Context::run(runBody, type, 0, "processtest");
-    gpBody = nullptr;
-    ASSERT_TRUE(ran) << "the context did not come up";
-}
-
 QStringList openDescriptors()
 {
     QStringList names = QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);

@@ -4,6 +4,7 @@
 #include "core/context.h"
 #include "process/handle.h"
 
+#include "testhome.h"
 #include "tracelines.h"
 
 #include <QByteArray>
@@ -18,10 +19,7 @@ namespace ProcessTest {
 // The helper child built beside the tests.
 inline QString helper() { return QStringLiteral(HELPER_PATH); }
 
-// Runs `body` on this thread inside a context with tracing, under a fresh
-// BREVI_HOME, so that the trace lines of what it calls can be read back. The
-// default type has no messaging; TypeStandalone gives the thread its own.
-void inContext(const std::function<void()>& body, Brevi::Context::Type type = Brevi::Context::Type(7));
+using BreviTest::inContext;
 
 // The descriptors this process has open, sorted.
 QStringList openDescriptors();

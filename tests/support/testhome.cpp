@@ -4,6 +4,8 @@
 #include <QFile>
 #include <QTextStream>
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <vector>
 
@@ -40,6 +42,20 @@ QByteArray TestHome::readFile(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+namespace {
+const std::function<void()>* gpBody = nullptr;
+void runBody() { (*gpBody)(); }
+} // namespace
+
+void inContext(const std::function<void()>& body, Brevi::Context::Type type)
+{
+    TestHome home;
+    gpBody = &body;
+    const bool ran = Brevi::Context::run(runBody, type, 0, "test");
+    gpBody = nullptr;
+    ASSERT_TRUE(ran) << "the context did not come up";
 }
 
 ChildResult runChild(const QString& program, const QStringList& arguments, const QStringList& environment)

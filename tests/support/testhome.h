@@ -1,10 +1,14 @@
 #ifndef TESTS_SUPPORT_TESTHOME_H
 #define TESTS_SUPPORT_TESTHOME_H
 
+#include "core/context.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+
+#include <functional>
 
 namespace BreviTest {
 
@@ -32,6 +36,12 @@ private:
     QTemporaryDir moDir;
     QString msPath;
 };
+
+// Runs `body` on this thread inside a context with tracing, under a fresh
+// BREVI_HOME, so that the trace lines of what it calls can be read back and
+// what it makes under the directory tree goes away. The default type has no
+// messaging; TypeStandalone gives the thread its own.
+void inContext(const std::function<void()>& body, Brevi::Context::Type type = Brevi::Context::Type(7));
 
 // Runs an executable built next to the tests, waits for it, and reports how it
 // ended. `signal` is the terminating signal or 0.
