@@ -7,6 +7,7 @@
 #include "persistent/spoolcheck.h"
 #include "persistent/spoolstatefile.h"
 
+#include "deliveries.h"
 #include "persistenttest.h"
 
 #include <QProcess>
@@ -15,55 +16,9 @@
 #include <random>
 
 using namespace Brevi;
+using BreviTest::Deliveries;
 
 namespace {
-
-// The receiver's lines, in order across all its lives.
-class Deliveries
-{
-public:
-    // A new receiver process starts.
-    void restart() { mbFirst = true; }
-
-    ::testing::AssertionResult take(const QByteArray& output)
-    {
-        msRest += output;
-        int end;
-        while ((end = msRest.indexOf('\n')) >= 0) {
-            const QByteArray line = msRest.left(end);
-            msRest.remove(0, end + 1);
-            const QList<QByteArray> words = line.split(' ');
-            const quint64 number = words.value(1).toULongLong();
-            if (words.value(0) == "got") {
-                if (mbFirst && !mbConfirmed && number + 1 == mullNext) {
-                    ++muiDuplicates;
-                } else if (number != mullNext) {
-                    return ::testing::AssertionFailure() << "got " << number << " where " << mullNext << " was due"
-                                                         << (mbFirst ? " after a restart" : "");
-                }
-                mullNext = number + 1;
-                mbConfirmed = false;
-                mbFirst = false;
-            } else if (words.value(0) == "rel" && number + 1 == mullNext) {
-                mbConfirmed = true;
-            } else {
-                return ::testing::AssertionFailure() << "the receiver said: " << line.constData();
-            }
-        }
-        return ::testing::AssertionSuccess();
-    }
-
-    quint64 next() const { return mullNext; }
-    bool confirmed() const { return mbConfirmed; }
-    unsigned duplicates() const { return muiDuplicates; }
-
-private:
-    QByteArray msRest;
-    quint64 mullNext = 0;
-    bool mbConfirmed = true;
-    bool mbFirst = true;
-    unsigned muiDuplicates = 0;
-};
 
 class QueueCrashTest : public PersistentTest::Fixture
 {
