@@ -115,22 +115,13 @@ DatachannelImplFile::DatachannelImplFile(const Setup& setup)
                         << moLocal.offset;
 }
 
-bool DatachannelImplFile::openReceiveSpool()
+bool DatachannelImplFile::openStates(SpoolState& write, SpoolState& read)
 {
-    SpoolState write, read;
+    bool fresh = false;
     if (moStateFile.open(msBasePath)) {
         BTRACE(TraceNormal) << "Opening existing file channel" << msBasePath;
-        if (!moStateFile.readStates(write, read)) {
-            BTRACE(TraceAlways) << "Failed to read receive file state" << msBasePath;
-            return false;
-        }
-        if (!Spool::statesInOrder(write, read)) {
-            BTRACE(TraceAlways) << "Failed to read receive file state" << msBasePath << ": read state" << read.file
-                                << read.offset << "beyond write state" << write.file << write.offset;
-            return false;
-        }
     } else {
-        // The sender, should it start at the same moment, makes the same
+        // The other end, should it start at the same moment, makes the same
         // first data file; neither cuts it, since only a sender cuts, and
         // only at a write state.
         RawFile first;
@@ -143,12 +134,27 @@ bool DatachannelImplFile::openReceiveSpool()
             BTRACE(TraceAlways) << "Failed to open state file" << msBasePath;
             return false;
         }
-        BTRACE(TraceNormal) << (existed ? "Opening existing file channel" : "Opening new file channel") << msBasePath;
-        if (!moStateFile.readStates(write, read)) {
-            BTRACE(TraceAlways) << "Failed to initialize state file" << msBasePath;
-            return false;
-        }
+        fresh = !existed;
+        BTRACE(TraceNormal) << (fresh ? "Opening new file channel" : "Opening existing file channel") << msBasePath;
     }
+    if (!moStateFile.readStates(write, read) || !Spool::statesInOrder(write, read)) {
+        BTRACE(TraceAlways) << (fresh    ? "Failed to initialize state file"
+                                : mbSend ? "Failed to read send file state"
+                                         : "Failed to read receive file state")
+                            << msBasePath << "read state" << read.file << read.offset << "write state" << write.file
+                            << write.offset;
+        return false;
+    }
+    storeAreaState(Layout::WriteStateOffset, write);
+    storeAreaState(Layout::ReadStateOffset, read);
+    return true;
+}
+
+bool DatachannelImplFile::openReceiveSpool()
+{
+    SpoolState write, read;
+    if (!openStates(write, read))
+        return false;
     if (!moReadFile.open(Spool::dataPath(msBasePath, read.file), RawFile::eReadOnly)) {
         BTRACE(TraceAlways) << "Failed to open receive data file" << read.file;
         return false;
@@ -158,8 +164,6 @@ bool DatachannelImplFile::openReceiveSpool()
         return false;
     }
     moLocal = read;
-    storeAreaState(Layout::WriteStateOffset, write);
-    storeAreaState(Layout::ReadStateOffset, read);
     return true;
 }
 
@@ -181,45 +185,22 @@ bool DatachannelImplFile::openSendSpool()
     if (moStateFile)
         return true;
     SpoolState write, read;
-    bool fresh = false;
-    if (moStateFile.open(msBasePath)) {
-        BTRACE(TraceNormal) << "Opening existing file channel" << msBasePath;
-    } else {
-        RawFile first;
-        if (!first.create(Spool::dataPath(msBasePath, Spool::FirstFileNumber), RawFile::eReadWrite)) {
-            BTRACE(TraceAlways) << "Failed to create data file";
-            return false;
-        }
-        bool existed = false;
-        if (!moStateFile.create(msBasePath, existed)) {
-            BTRACE(TraceAlways) << "Failed to open state file" << msBasePath;
-            return false;
-        }
-        fresh = !existed;
-        BTRACE(TraceNormal) << (fresh ? "Opening new file channel" : "Opening existing file channel") << msBasePath;
-    }
-    if (!moStateFile.readStates(write, read) || !Spool::statesInOrder(write, read)) {
-        BTRACE(TraceAlways) << (fresh ? "Failed to initialize state file" : "Failed to read send file state")
-                            << msBasePath;
+    if (!openStates(write, read))
         return false;
-    }
     // What a crash left behind the last complete record goes.
     if (!moWriteFile.open(Spool::dataPath(msBasePath, write.file), RawFile::eReadWrite)) {
         BTRACE(TraceAlways) << "Failed to open write file" << write.file;
         return false;
     }
     if (moWriteFile.size() < write.offset) {
-        BTRACE(TraceAlways) << (fresh ? "Failed to position write data file" : "Failed to position write file")
-                            << write.file << write.offset;
+        BTRACE(TraceAlways) << "Failed to position write file" << write.file << write.offset;
         return false;
     }
     if (!moWriteFile.truncate(write.offset, false)) {
-        BTRACE(TraceAlways) << (fresh ? "Failed to truncate write data file" : "Failed to truncate write file");
+        BTRACE(TraceAlways) << "Failed to truncate write file";
         return false;
     }
     moLocal = write;
-    storeAreaState(Layout::WriteStateOffset, write);
-    storeAreaState(Layout::ReadStateOffset, read);
     return true;
 }
 

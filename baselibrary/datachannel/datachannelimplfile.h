@@ -77,6 +77,9 @@ public:
 private:
     // The keys both ends need; false, traced.
     bool readKeys(const XmlList& details);
+    // Opens the state file, or makes a new spool, and puts both states in
+    // the area.
+    bool openStates(SpoolState& write, SpoolState& read);
     bool openReceiveSpool();
     bool openSendSpool();
     Result attach(const Details& details);
