@@ -1,11 +1,13 @@
 // Streams between this process and a helper process through the real Hub: a
-// gigabyte whole and in order, and an end killed in mid-stream, which the
-// other end hears of as eDown within seconds, never a hang.
+// gigabyte whole and in order, a receiver that reads nothing holding the
+// sender to the window, and an end killed in mid-stream, which the other end
+// hears of as eDown within seconds, never a hang.
 
 #include "dcfixture.h"
 
 #include "tracelines.h"
 
+#include "core/extent.h"
 #include "messaging/msg.h"
 
 #include <csignal>
@@ -57,20 +59,25 @@ TEST_F(Processes, AnEndKilledInMidStreamTakesTheOtherDownWithinSeconds)
         [&] {
             BreviTest::TraceReader trace;
             std::chrono::steady_clock::time_point killed;
-            // The receiver reads nothing: the window fills and the sender
-            // waits for acknowledgements that will never come.
+            // The receiver reads nothing: exactly the window goes, and the
+            // sender waits for acknowledgements that will never come.
             ChildProcess receiver(HubTest::childProgram(), {"stall", "dcreceiver"});
-            const Datachannel::Synchronization windowed = Datachannel::Synchronization::Windowed;
-            Datachannel out =
-                offer(named("dcreceiver"), Datachannel::sendDetails(Datachannel::IPC, named("dcreceiver"), windowed));
+            const unsigned size = 16384;
+            const unsigned count = 8;
+            Datachannel out = offer(named("dcreceiver"),
+                                    Datachannel::sendDetails(Datachannel::IPC, named("dcreceiver"),
+                                                             Datachannel::Synchronization::Windowed, size, count));
             ASSERT_TRUE(out.connected());
             std::thread killer([&] {
                 std::this_thread::sleep_for(std::chrono::milliseconds(500));
                 receiver.kill(SIGKILL);
                 killed = std::chrono::steady_clock::now();
             });
-            EXPECT_EQ(sendStream(out, 0).result, Datachannel::eDown);
+            unsigned room = 60 * size;
+            const Extent all(streamAt(0, room), room);
+            EXPECT_EQ(out.sendPolled(all), Datachannel::eDown);
             killer.join();
+            EXPECT_EQ(all.offset(), count * size) << "the window, and not a byte more";
             EXPECT_LT(secondsSince(killed), 10);
             EXPECT_TRUE(trace.saw("The peer has ended"));
 

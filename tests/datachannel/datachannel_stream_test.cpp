@@ -1,6 +1,6 @@
 // Streams between attached contexts of this process (threads, each with a
 // Hub link of its own) through the real Hub: whole and in order, held to the
-// window, held to the throttle, and many at once into one group.
+// throttle, and many at once into one group.
 
 #include "dcfixture.h"
 
@@ -70,44 +70,6 @@ TEST_F(Streams, BetweenTwoContextsArriveWholeAndInOrderWithOneEndOfData)
         EXPECT_EQ(received[i].ends, 1);
         EXPECT_EQ(received[i].result, Datachannel::eDown);
     }
-}
-
-TEST_F(Streams, AReceiverThatStopsReadingStopsTheSenderAtTheWindow)
-{
-    const unsigned size = 16384;
-    const unsigned count = 8;
-    const unsigned total = 60 * size;
-    Counted received;
-    Attached receiver("receiver", [&] {
-        MsgAddress sender;
-        Datachannel channel = accept(&sender);
-        // Not a byte read until the sender has been held up; then all of it.
-        Msg::wait(1);
-        Msg(sender, "DcStalledPost").send(true);
-        Msg::wait("DcGoPost", 30);
-        received = receiveStream(channel);
-    });
-    runAttached(
-        [&] {
-            const boost::shared_ptr<Catch> stalled = boost::make_shared<Catch>("DcStalledPost");
-            Datachannel channel = offer(
-                named("receiver"),
-                Datachannel::sendDetails(Datachannel::IPC, named("receiver"), Sync::Windowed, size, count), stalled);
-            unsigned available = total;
-            const unsigned char* data = streamAt(0, available);
-            const Extent all(data, total);
-            EXPECT_EQ(channel.sendPolled(all), Datachannel::eMessagePending);
-            EXPECT_EQ(channel.lastPollResult(), eMsgResultOk) << "the condition ended the wait";
-            EXPECT_EQ(all.offset(), count * size) << "exactly the window went";
-            Msg(named("receiver"), "DcGoPost").send(true);
-            EXPECT_EQ(channel.sendPolled(Extent(data + all.offset(), total - all.offset())), Datachannel::eOk);
-            EXPECT_EQ(channel.flushPolled(), Datachannel::eOk);
-        },
-        "sender");
-    receiver.join();
-    EXPECT_EQ(received.bytes, total);
-    EXPECT_EQ(received.hash, streamHash(total));
-    EXPECT_EQ(received.ends, 1);
 }
 
 TEST_F(Streams, TheThrottleHoldsTheRateItIsSet)
