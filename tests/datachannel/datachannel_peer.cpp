@@ -5,7 +5,9 @@
 //                              offers a channel to <receiver> (IPC unwindowed
 //                              or windowed, or the transport named) and sends
 //                              that many bytes of the test stream (0: until
-//                              killed), then posts its hash, result and memory
+//                              killed), then posts its hash, result and memory;
+//                              with "paced" after File:<base>, that many
+//                              records of one byte, each after a next post
 // Ends with 0 when its part went as planned.
 
 #include "dcstream.h"
@@ -54,6 +56,16 @@ void body()
     else
         details = Datachannel::sendDetails(Datachannel::IPC, receiver, Datachannel::synchronizationFromText(mode));
     Datachannel channel = offer(receiver, details);
+    if (gArguments.value(5) == "paced") {
+        // One byte a record, each only once the receiver has asked for it.
+        const unsigned records = gArguments.value(3).toUInt();
+        unsigned sent = 0;
+        for (unsigned i = 0; i < records && channel.send(sent, "p", 1, true) == Datachannel::eOk; ++i)
+            if (!Msg::wait(Next, receiver, 20))
+                return;
+        gStatus = 0;
+        return;
+    }
     const unsigned long long startKiB = peakKiB();
     const Counted counted = sendStream(channel, gArguments.value(3).toULongLong());
     XmlList report;

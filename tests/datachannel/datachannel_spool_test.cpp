@@ -46,6 +46,35 @@ TEST_F(Spool, AStreamFromAnotherProcessArrivesWholeAndDiscardRemovesItsFiles)
         "tester");
 }
 
+TEST_F(Spool, AReaderWaitingInAnotherProcessIsWokenByEachRecord)
+{
+    const QString base = moHome.path() + "/paced";
+    const unsigned records = 20;
+    runAttached(
+        [&] {
+            HubTest::ChildProcess sender(HubTest::childProgram(), {"send", "dcsender", "tester",
+                                                                   QString::number(records), "File:" + base, "paced"});
+            MsgAddress source;
+            Datachannel channel = accept(&source, 60);
+            ASSERT_TRUE(channel.isValid());
+            const auto start = std::chrono::steady_clock::now();
+            for (unsigned i = 0; i < records; ++i) {
+                Extent record;
+                ASSERT_EQ(channel.getReceiveBufferPolled(record), Datachannel::eOk);
+                EXPECT_EQ(record.size(), 1u);
+                channel.releaseBuffer();
+                Msg(source, Next, XmlList()).send(true);
+            }
+            // Left to its heartbeat, a reader would see each record up to a
+            // second late.
+            EXPECT_LT(secondsSince(start), records * 0.2);
+            int status = -1;
+            EXPECT_TRUE(sender.waitExit(30000, &status));
+            EXPECT_EQ(status, 0);
+        },
+        "tester");
+}
+
 // DATACHANNEL_CRASH_ROUNDS sets the number of kills (200 by default). A record
 // comes again only when the receiver was killed between handing it out and
 // writing its release; that is the one delivery at least once allows.

@@ -27,6 +27,8 @@ namespace DcTest {
 const char* const Offer = "DcOfferPost";
 const char* const Accept = "DcAcceptPost";
 const char* const Done = "DcDonePost";
+// A receiver that has taken a record asks for the next.
+const char* const Next = "DcNextPost";
 
 // Keeps the first message of `name` that comes while it lives, whoever
 // handles messages meanwhile (a polled channel operation drops what no
