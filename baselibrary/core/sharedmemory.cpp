@@ -265,6 +265,12 @@ SharedMemoryId SharedMemoryProvider::id() const { return mptData->id; }
 
 void SharedMemoryProvider::release() { mptData->release(); }
 
+void SharedMemoryProvider::remove(const SharedMemoryId& id)
+{
+    if (id.isValid())
+        shm_unlink(objectName(id.id()).constData());
+}
+
 SharedMemoryProvider::operator OperatorBoolGenerator<SharedMemoryProvider>::Result() const
 {
     return OperatorBoolGenerator<SharedMemoryProvider>::make(!mptData->name.isEmpty());

@@ -37,6 +37,10 @@ public:
     SharedMemoryId id() const;
     // Removes the name and forgets the id; attached users keep their mapping.
     void release();
+    // Removes the name of a mapping that another process provided, for a user
+    // that has attached and wants nothing left behind should the provider be
+    // killed. The provider's own release then finds the name gone.
+    static void remove(const SharedMemoryId& id);
 
     operator OperatorBoolGenerator<SharedMemoryProvider>::Result() const;
 
