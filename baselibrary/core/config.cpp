@@ -8,6 +8,8 @@
 #include <QFile>
 #include <QTextStream>
 
+#include <limits>
+
 namespace Brevi {
 
 namespace {
@@ -141,7 +143,14 @@ bool Config::save()
         return false;
     }
 
-    ++miVersion;
+    // The number counts saves; past the largest it starts again at 1, so
+    // that such a file can still be written and still shows a change.
+    if (miVersion == std::numeric_limits<int>::max()) {
+        BTRACE(TraceAlways) << "Version number of" << msFileName << "is at its largest, start again at" << 1;
+        miVersion = 1;
+    } else {
+        ++miVersion;
+    }
     QDomElement version = root.firstChildElement(versionTag());
     if (version.isNull()) {
         // The time records when the file got its first version; later saves

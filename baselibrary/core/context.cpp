@@ -249,7 +249,7 @@ void Context::attach(Type type, unsigned flags)
     moAddress = attached->address();
     moPhysicalAddress = attached->physicalAddress();
     moParentAddress = attached->parentAddress();
-    if (!getTraceBuffer(*attached)) {
+    if (!(flags & FlagNoTraceBuffer) && !getTraceBuffer(*attached)) {
         attached->release();
         return;
     }

@@ -47,9 +47,10 @@ struct SecurityAttributes {
 //
 // Types 3 (attached) and 4 (monitored) connect to the local Hub (port
 // BREVI_HUB_PORT, or 30303), retrying for up to two minutes (one attempt with
-// FlagAttachOnce), and trace into a buffer the Hub gives them, so that the Hub
-// can read it after the process's death. A monitored process then drops the
-// link and runs on standalone messaging. Without a Hub they do not come up.
+// FlagAttachOnce), and trace into a buffer the Hub gives them (unless
+// FlagNoTraceBuffer), so that the Hub can read it after the process's death.
+// A monitored process then drops the link and runs on standalone messaging.
+// Without a Hub they do not come up.
 //
 // All code reaches identity, trace and messaging through the static members,
 // which look up the calling thread's context. A thread without one gets neutral
@@ -78,7 +79,13 @@ public:
         FlagUseEnvironment = 0x08,
         FlagAttachOnce = 0x10,
         FlagWaitForEndOfDay = 0x20,
-        FlagPersistent = 0x40
+        FlagPersistent = 0x40,
+        // Attach without a shared trace buffer: the trace stays in the
+        // process's own ring, and the Hub keeps nothing of the process once
+        // it has ended. For short runs nobody will look at after their end
+        // (tools), which would otherwise push out the kept trace of a process
+        // that an operator does want to read.
+        FlagNoTraceBuffer = 0x80
     };
 
     // True when the function was called.

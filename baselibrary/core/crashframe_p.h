@@ -13,6 +13,14 @@ namespace Brevi {
 //
 // The handlers are installed once per process and stay; each frame gives its
 // thread an alternate signal stack, so that a stack overflow still dumps.
+//
+// The dump is written from the handler with what a handler may call (no
+// allocation, no lock a fault could leave held, no Qt but reading strings
+// that exist): a fault inside malloc, or with any lock held, still leaves its
+// files. The .dmp holds the signal, registers, a backtrace by libunwind's
+// local unwinding with each frame's file and offset (for addr2line; names
+// are not looked up, since that allocates) and the memory map; the .tra the
+// ring as text, and it is written even when the .dmp cannot be.
 class CrashFrame
 {
 public:

@@ -49,10 +49,13 @@ QString FixedPath::data()
 {
     // Where this library itself was loaded from decides, as for the
     // pkg-config file: the relative step from its directory to the data
-    // directory is the same wherever the tree is installed.
+    // directory is the same wherever the tree is installed. The step is
+    // taken from the directory's real path: the loader may name the library
+    // through a link (/lib -> /usr/lib), and a textual ".." would then
+    // climb out of the link rather than out of the directory it stands for.
     Dl_info info;
     if (dladdr(reinterpret_cast<void*>(&FixedPath::data), &info) && info.dli_fname) {
-        const QString installed = QFileInfo(QString::fromLocal8Bit(info.dli_fname)).absolutePath() +
+        const QString installed = QFileInfo(QString::fromLocal8Bit(info.dli_fname)).canonicalPath() +
                                   QStringLiteral("/" BREVI_DATA_FROM_LIBDIR);
         if (isDirectory(installed))
             return QDir::cleanPath(installed);

@@ -12,6 +12,8 @@
 #include <boost/thread/recursive_mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include <cerrno>
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -185,10 +187,11 @@ bool SharedMemoryProvider::initialize(const QString& name)
 {
     boost::mutex::scoped_lock lock(soPrefixMutex);
     if (ssPrefix.isEmpty())
-        ssPrefix = QStringLiteral("Global\\Brevi Shared Memory Buffer for ") +
-                   (name.isEmpty() ? QString::number(getpid()) : name);
+        ssPrefix = nameBase() + (name.isEmpty() ? QString::number(getpid()) : name);
     return !ssPrefix.isEmpty();
 }
+
+QString SharedMemoryProvider::nameBase() { return QStringLiteral("Global\\Brevi Shared Memory Buffer for "); }
 
 QString SharedMemoryProvider::namePrefix()
 {
@@ -213,6 +216,12 @@ bool SharedMemoryProvider::allocate(unsigned size)
         return false;
     }
     mptData->release();
+    // A mapping of nothing would be an id that tests false: the system's own
+    // call refuses a size of 0 as well.
+    if (size == 0) {
+        BTRACE(TraceAlways) << "Failed to create" << size << "byte mapped file" << TraceErrorCode(EINVAL);
+        return false;
+    }
 
     QString name;
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -255,6 +264,12 @@ bool SharedMemoryProvider::allocate(unsigned size)
 SharedMemoryId SharedMemoryProvider::id() const { return mptData->id; }
 
 void SharedMemoryProvider::release() { mptData->release(); }
+
+void SharedMemoryProvider::remove(const SharedMemoryId& id)
+{
+    if (id.isValid())
+        shm_unlink(objectName(id.id()).constData());
+}
 
 SharedMemoryProvider::operator OperatorBoolGenerator<SharedMemoryProvider>::Result() const
 {

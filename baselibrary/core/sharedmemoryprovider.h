@@ -23,14 +23,24 @@ public:
     static bool initialize(const QString& name);
     // The name prefix, empty before initialize().
     static QString namePrefix();
+    // What every mapping name begins with, before its owner: how a sweep of
+    // names left behind by processes that died tells them apart.
+    static QString nameBase();
 
     SharedMemoryProvider();
     explicit SharedMemoryProvider(unsigned size);
 
+    // A new mapping of `size` bytes under the next name; what the provider
+    // held before is released first. False for a size of 0, a name already
+    // taken, or a refusal of the system.
     bool allocate(unsigned size);
     SharedMemoryId id() const;
     // Removes the name and forgets the id; attached users keep their mapping.
     void release();
+    // Removes the name of a mapping that another process provided, for a user
+    // that has attached and wants nothing left behind should the provider be
+    // killed. The provider's own release then finds the name gone.
+    static void remove(const SharedMemoryId& id);
 
     operator OperatorBoolGenerator<SharedMemoryProvider>::Result() const;
 

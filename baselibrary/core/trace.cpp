@@ -299,10 +299,10 @@ void Trace::entry(int indent, const char* file, unsigned line)
         std::memcpy(fixed, macTime, TimeLength);
         fixed[TimeLength] = 0;
         fixed[LevelOffset - TimeOffset] = static_cast<unsigned char>(meLevel);
-        ByteOrder::store16(fixed + ModuleOffset - TimeOffset, static_cast<std::uint16_t>(muiModule));
-        ByteOrder::store16(fixed + IdOffset - TimeOffset, musId);
-        ByteOrder::store32(fixed + SourceLineOffset - TimeOffset, line);
-        ByteOrder::store16(fixed + SourceLengthOffset - TimeOffset, static_cast<std::uint16_t>(nameLength));
+        ByteOrder::store16(fixed + (ModuleOffset - TimeOffset), static_cast<std::uint16_t>(muiModule));
+        ByteOrder::store16(fixed + (IdOffset - TimeOffset), musId);
+        ByteOrder::store32(fixed + (SourceLineOffset - TimeOffset), line);
+        ByteOrder::store16(fixed + (SourceLengthOffset - TimeOffset), static_cast<std::uint16_t>(nameLength));
         ringWrite(fixed, FixedFieldsSize);
         writeString16Payload(msSourceName);
         muiRoom -= HeaderSize + FixedFieldsSize + 2 * nameLength;

@@ -8,6 +8,10 @@
 
 namespace Brevi {
 
+// The limit is taken by reference in places (std::min, the trace stream), so
+// it needs its one definition.
+const int XmlList::MaximumDepth;
+
 namespace {
 const unsigned TraceModule = TraceModuleXmlList;
 } // namespace
@@ -119,6 +123,48 @@ QDomElement newList(QDomDocument& document, const QString& name)
     item.setAttribute(argTypeAttribute(), argTypeList());
     item.setAttribute(nameAttribute(), name);
     return item;
+}
+
+int depthOf(const QDomNode& node)
+{
+    int depth = 0;
+    for (QDomNode at = node; !at.isNull() && !at.isDocument(); at = at.parentNode())
+        ++depth;
+    return depth;
+}
+
+int depthBelow(const QDomNode& top)
+{
+    int deepest = 0;
+    int depth = 0;
+    QDomNode node = top;
+    for (;;) {
+        const QDomNode child = node.firstChild();
+        if (!child.isNull()) {
+            node = child;
+            ++depth;
+        } else {
+            while (node != top && node.nextSibling().isNull()) {
+                node = node.parentNode();
+                --depth;
+            }
+            if (node == top)
+                return deepest;
+            node = node.nextSibling();
+        }
+        if (node.isElement() && depth > deepest)
+            deepest = depth;
+    }
+}
+
+bool fitsAt(int depth, const QDomNode& content, const QString& name)
+{
+    const int deepest = depth + (content.isNull() ? 1 : depthBelow(content));
+    if (deepest <= XmlList::MaximumDepth)
+        return true;
+    BTRACE(TraceAlways) << "Failed to store item" << name << "it would be nested deeper than" << XmlList::MaximumDepth
+                        << "levels";
+    return false;
 }
 
 void removeChildren(QDomNode node)
@@ -509,6 +555,8 @@ bool XmlList::set(const QString& name, const XmlList& value, SetTypeE type)
         return false;
     }
     const QDomElement source = value.moDoc.documentElement();
+    if (!fitsAt(depthOf(root) + 1, source, name))
+        return false;
     if (type == SetModify) {
         QDomElement item = findItem(root, name);
         if (!item.isNull()) {
@@ -585,6 +633,8 @@ bool XmlList::modify(const XmlListIterator& item, const XmlList& value)
         return false;
     }
     QDomElement element = item.element();
+    if (!fitsAt(depthOf(element), value.moDoc.documentElement(), item.name()))
+        return false;
     removeChildren(element);
     appendCopies(element, value.moDoc.documentElement());
     return true;
@@ -612,7 +662,7 @@ QDomElement createTarget(const XmlListIterator& list, const QString& name)
 bool createAt(const XmlListIterator& list, const QString& name, XmlList::ValueTypeE type, const QString& text)
 {
     QDomElement target = createTarget(list, name);
-    if (target.isNull())
+    if (target.isNull() || !fitsAt(depthOf(target) + 1, QDomNode(), name))
         return false;
     QDomDocument document = target.ownerDocument();
     target.appendChild(newSingle(document, name, type, text));
@@ -669,7 +719,7 @@ bool XmlList::create(const XmlListIterator& list, const QString& name, const Ext
 bool XmlList::create(const XmlListIterator& list, const QString& name, const XmlList& value)
 {
     QDomElement target = createTarget(list, name);
-    if (target.isNull())
+    if (target.isNull() || !fitsAt(depthOf(target) + 1, value.moDoc.documentElement(), name))
         return false;
     QDomDocument document = target.ownerDocument();
     QDomElement item = newList(document, name);

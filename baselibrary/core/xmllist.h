@@ -78,6 +78,14 @@ public:
         ValueData = 8    // "data", base64 of the bytes
     };
 
+    // How deep a list nests, counted in the elements of its text: the root
+    // at 1, a top-level item at 2, its value or a nested item at 3, and so
+    // on. No list goes deeper: fromBinary refuses text that does, and set,
+    // modify and create refuse to build it ("nested deeper than"). Walks of
+    // the tree (copies, the writer, the document's own teardown) may then
+    // take a frame per level without exhausting a thread's stack.
+    static const int MaximumDepth = 1000;
+
     // The last argument of every set.
     enum SetTypeE {
         // Always append a new item, even when the name exists: repeated entries.
@@ -115,8 +123,13 @@ public:
     // empty array gives a valid empty list. Text that does not parse traces
     // "Error parsing XML at line" with line and column, leaves the list invalid
     // with an empty document (no root) and gives false: callers must test the
-    // result. Text nested more than 1000 levels deep is refused the same way,
-    // since the DOM would exhaust the stack on it.
+    // result.
+    //
+    // What it accepts, toBinary() writes back as text that reads into the
+    // same list; what the text form cannot give back it refuses the same way:
+    // nesting deeper than MaximumDepth, namespaces (names with ':', xmlns), an
+    // attribute given twice, a document type, references to characters XML
+    // does not have, and any encoding but UTF-8.
     bool fromBinary(const QByteArray& bytes);
 
     // The document itself, shared with every copy of this list.

@@ -43,6 +43,17 @@ QDomElement newSingle(QDomDocument& document, const QString& name, XmlList::Valu
 // A new, empty list item, not yet attached anywhere.
 QDomElement newList(QDomDocument& document, const QString& name);
 
+// The depth of `node` in the text of its document: the root element is at 1.
+int depthOf(const QDomNode& node);
+// How many levels of elements stand below `node`: 0 when it has no element
+// child. Walks without recursion, so any tree can be measured.
+int depthBelow(const QDomNode& node);
+// True when an item placed at `depth` and holding copies of the children of
+// `content` (null for a single value, which adds its value element) stays
+// within XmlList::MaximumDepth; otherwise traces, at TraceAlways, that the
+// item `name` would nest too deep.
+bool fitsAt(int depth, const QDomNode& content, const QString& name);
+
 void removeChildren(QDomNode node);
 // Appends deep copies of every child of `source` to `target`, which may be in
 // another document. The copies are all made before the first is appended, so

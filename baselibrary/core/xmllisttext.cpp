@@ -1,6 +1,9 @@
 #include "core/xmllisttext_p.h"
 
+#include "core/xmllist_p.h"
+
 #include <QDomElement>
+#include <QDomProcessingInstruction>
 #include <QVarLengthArray>
 
 #include <algorithm>
@@ -36,8 +39,8 @@ void appendUtf8(std::string& out, uint code)
 // The escapes of QDom's writer: in attributes quotes and the three white-space
 // controls (which a reader would otherwise normalise to blanks), in text only
 // the carriage return (which a reader would fold into a line feed); '<', '&'
-// and the '>' of "]]>" everywhere. A lone surrogate has no UTF-8 form and is
-// written as U+FFFD.
+// and the '>' of "]]>" everywhere. A lone surrogate and U+0000 have no form
+// in the text and are written as U+FFFD.
 void appendEscaped(std::string& out, const QString& text, bool attribute)
 {
     const QChar* data = text.constData();
@@ -46,6 +49,10 @@ void appendEscaped(std::string& out, const QString& text, bool attribute)
         const ushort c = data[i].unicode();
         if (c < 0x80) {
             switch (c) {
+            case 0:
+                // No form in XML at all.
+                appendUtf8(out, 0xFFFD);
+                continue;
             case '<':
                 out += "&lt;";
                 continue;
@@ -88,6 +95,10 @@ void appendEscaped(std::string& out, const QString& text, bool attribute)
             ++i;
         } else if (QChar::isSurrogate(c)) {
             appendUtf8(out, 0xFFFD);
+        } else if (c >= 0xFFFE) {
+            // Not characters of XML: QDom writes them as they are and then
+            // refuses its own text. A reference it reads back.
+            out += c == 0xFFFE ? "&#xfffe;" : "&#xffff;";
         } else {
             appendUtf8(out, c);
         }
@@ -110,7 +121,12 @@ void appendName(std::string& out, const QString& name)
     }
 }
 
-bool isPlainText(const QDomNode& node) { return node.nodeType() == QDomNode::TextNode; }
+// Character data for the layout: an element (or comment, or processing
+// instruction) that follows it stays on its line.
+bool isCharacterData(const QDomNode& node)
+{
+    return node.nodeType() == QDomNode::TextNode || node.nodeType() == QDomNode::CDATASectionNode;
+}
 
 // The start tag, with the attributes in name order. False for a namespace.
 bool appendStartTag(std::string& out, const QDomElement& element)
@@ -146,9 +162,37 @@ void appendIndent(std::string& out, int depth, int indent)
         out.append(size_t(depth * indent), ' ');
 }
 
+// A node without children that the layout treats as an element: a comment or
+// a processing instruction, on its own line. Text a reader gave cannot end
+// either early; a comment holding "--" QDom drops when it reads it again.
+bool appendMarkup(std::string& out, const QDomNode& node)
+{
+    if (node.nodeType() == QDomNode::CommentNode) {
+        out += "<!--";
+        appendName(out, node.nodeValue());
+        out += "-->";
+        return true;
+    }
+    if (node.nodeType() == QDomNode::ProcessingInstructionNode) {
+        const QDomProcessingInstruction instruction = node.toProcessingInstruction();
+        out += "<?";
+        appendName(out, instruction.target());
+        if (!instruction.data().isEmpty()) {
+            out += ' ';
+            appendName(out, instruction.data());
+        }
+        out += "?>";
+        return true;
+    }
+    return false;
+}
+
 // QDom's layout: an element starts on a fresh indented line unless it follows
 // text, and a line ends after an element unless text follows; an element whose
-// first child is text keeps that text on its own line.
+// first child is text keeps that text on its own line. Comments and processing
+// instructions stand where an element would, CDATA sections where text would.
+// Depth is counted as it goes, without recursion, so that no nesting can
+// exhaust the stack.
 bool writeElement(std::string& out, const QDomElement& top, int indent)
 {
     QDomNode node = top;
@@ -156,26 +200,35 @@ bool writeElement(std::string& out, const QDomElement& top, int indent)
     for (;;) {
         if (node.isElement()) {
             const QDomElement element = node.toElement();
-            if (!isPlainText(node.previousSibling()))
+            if (!isCharacterData(node.previousSibling()))
                 appendIndent(out, depth, indent);
             if (!appendStartTag(out, element))
                 return false;
             const QDomNode child = node.firstChild();
             if (!child.isNull()) {
                 out += '>';
-                if (!isPlainText(child) && indent != -1)
+                if (!isCharacterData(child) && indent != -1)
                     out += '\n';
                 node = child;
                 ++depth;
                 continue;
             }
             out += "/>";
-            if (!isPlainText(node.nextSibling()) && indent != -1)
+            if (!isCharacterData(node.nextSibling()) && indent != -1)
                 out += '\n';
-        } else if (isPlainText(node)) {
+        } else if (node.nodeType() == QDomNode::TextNode) {
             appendEscaped(out, node.nodeValue(), false);
+        } else if (node.nodeType() == QDomNode::CDATASectionNode) {
+            out += "<![CDATA[";
+            appendName(out, node.nodeValue());
+            out += "]]>";
         } else {
-            return false;
+            if (!isCharacterData(node.previousSibling()))
+                appendIndent(out, depth, indent);
+            if (!appendMarkup(out, node))
+                return false;
+            if (!isCharacterData(node.nextSibling()) && indent != -1)
+                out += '\n';
         }
 
         // Done with `node`: on to its next sibling, closing the elements that
@@ -190,12 +243,12 @@ bool writeElement(std::string& out, const QDomElement& top, int indent)
             }
             node = node.parentNode();
             --depth;
-            if (!isPlainText(node.lastChild()))
+            if (!isCharacterData(node.lastChild()))
                 appendIndent(out, depth, indent);
             out += "</";
             appendName(out, node.toElement().tagName());
             out += '>';
-            if (!isPlainText(node.nextSibling()) && indent != -1)
+            if (!isCharacterData(node.nextSibling()) && indent != -1)
                 out += '\n';
         }
     }
@@ -250,6 +303,41 @@ bool isValidUtf8(const unsigned char* p, const unsigned char* end)
         p += extra + 1;
     }
     return true;
+}
+
+// Text that isValidUtf8 passed, as UTF-16. QString::fromUtf8 would drop a
+// byte-order mark at the start, and a value may begin with U+FEFF.
+QString fromUtf8(const char* start, const char* end)
+{
+    QString text;
+    text.resize(int(end - start));
+    QChar* out = text.data();
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(start);
+         p < reinterpret_cast<const unsigned char*>(end);) {
+        const unsigned c = *p;
+        uint code;
+        if (c < 0x80) {
+            code = c;
+            p += 1;
+        } else if (c < 0xE0) {
+            code = ((c & 0x1F) << 6) | (p[1] & 0x3F);
+            p += 2;
+        } else if (c < 0xF0) {
+            code = ((c & 0x0F) << 12) | ((p[1] & 0x3F) << 6) | (p[2] & 0x3F);
+            p += 3;
+        } else {
+            code = ((c & 0x07) << 18) | ((p[1] & 0x3F) << 12) | ((p[2] & 0x3F) << 6) | (p[3] & 0x3F);
+            p += 4;
+        }
+        if (code >= 0x10000) {
+            *out++ = QChar(QChar::highSurrogate(code));
+            *out++ = QChar(QChar::lowSurrogate(code));
+        } else {
+            *out++ = QChar(ushort(code));
+        }
+    }
+    text.truncate(int(out - text.constData()));
+    return text;
 }
 
 // The words of the format come back as the same static strings every time:
@@ -317,7 +405,7 @@ public:
                     return QDomElement();
                 open.last().appendChild(element);
                 if (!closed) {
-                    if (open.size() >= MaximumDepth)
+                    if (open.size() >= XmlList::MaximumDepth)
                         return QDomElement();
                     open.append(element);
                 }
@@ -483,7 +571,7 @@ private:
             !isValidUtf8(reinterpret_cast<const unsigned char*>(start), reinterpret_cast<const unsigned char*>(end)))
             return false;
         if (!references) {
-            value = QString::fromUtf8(start, int(end - start));
+            value = fromUtf8(start, end);
             return true;
         }
         std::string plain;
@@ -537,7 +625,7 @@ private:
                 return false;
             }
         }
-        value = QString::fromUtf8(plain.data(), int(plain.size()));
+        value = fromUtf8(plain.data(), plain.data() + plain.size());
         return true;
     }
 
@@ -546,63 +634,330 @@ private:
     QDomDocument& mrDocument;
 };
 
-// True when the elements of the text nest deeper than MaximumDepth, with the
-// line and column of the start tag that goes too deep. It counts tags without
-// parsing them, so markup inside comments or CDATA counts too: it can only
-// err towards refusing, and only for text far deeper than any list.
-bool tooDeep(const QByteArray& text, int& line, int& column)
+// The screen every text passes before a parser builds a node from it. It
+// follows the markup as a parser does (comments, CDATA sections, processing
+// instructions and quoted attribute values hide what looks like tags inside
+// them) and refuses what no list holds and what the text form cannot give
+// back as it came:
+//
+//  - elements nested deeper than XmlList::MaximumDepth: the DOM recurses once
+//    per level when it copies, writes or frees a tree;
+//  - a document type declaration: its entities could nest elements that the
+//    text does not show, and the writer does not keep it;
+//  - names with ':' and xmlns attributes: lists have no namespaces, and QDom
+//    renames or repeats such nodes when it writes them;
+//  - an attribute given twice in one tag: QDom keeps both and answers with
+//    either, so an item's name would change from one reading to the next;
+//  - character references to NUL, to a surrogate or beyond the first plane,
+//    which QDom cuts to 16 bits;
+//  - any encoding but UTF-8 (a NUL byte, another byte-order mark, or a
+//    declaration naming another encoding), since the screen reads bytes.
+//
+// Whatever it cannot follow it refuses too; a parser would refuse it anyway.
+class Screen
 {
-    const char* p = text.constData();
-    const char* end = p + text.size();
-    const char* lineStart = p;
-    int depth = 0;
-    bool inTag = false;
-    char quote = 0;
-    char previous = 0;
-    line = 1;
-    for (; p < end; previous = *p++) {
-        const char c = *p;
-        if (c == '\n') {
-            ++line;
-            lineStart = p + 1;
+public:
+    explicit Screen(const QByteArray& text)
+        : mp(text.constData())
+        , mpEnd(text.constData() + text.size())
+        , mpLine(text.constData())
+    {}
+
+    bool run(QString& error, int& line, int& column)
+    {
+        const bool passed = pass();
+        if (!passed) {
+            error = QLatin1String(mpcError);
+            line = miLine;
+            column = int(mpFault - mpLine) + 1;
         }
-        if (quote) {
-            if (c == quote)
-                quote = 0;
-        } else if (inTag) {
-            if (c == '"' || c == '\'')
-                quote = c;
-            else if (c == '>') {
-                inTag = false;
-                if (previous == '/')
+        return passed;
+    }
+
+private:
+    bool pass()
+    {
+        if (startsWith("\xEF\xBB\xBF"))
+            mp += 3;
+        else if (mp < mpEnd && (static_cast<unsigned char>(*mp) == 0xFE || static_cast<unsigned char>(*mp) == 0xFF))
+            return refuse("text that is not UTF-8");
+        if (startsWith("<?xml") && !declaration())
+            return false;
+        int depth = 0;
+        while (mp < mpEnd) {
+            if (*mp != '<') {
+                if (!character())
+                    return false;
+                continue;
+            }
+            if (startsWith("<!--")) {
+                if (!skipPast(4, "-->"))
+                    return false;
+            } else if (startsWith("<![CDATA[")) {
+                if (!skipPast(9, "]]>"))
+                    return false;
+            } else if (startsWith("<?")) {
+                if (!skipPast(2, "?>"))
+                    return false;
+            } else if (startsWith("<!")) {
+                return refuse("a document type declaration");
+            } else if (startsWith("</")) {
+                if (--depth < 0)
+                    return refuse("an end tag without its start");
+                if (!skipPast(2, ">"))
+                    return false;
+            } else {
+                if (++depth > XmlList::MaximumDepth)
+                    return refuse("elements nested too deep");
+                bool closed = false;
+                if (!startTag(closed))
+                    return false;
+                if (closed)
                     --depth;
             }
-        } else if (c == '<' && p + 1 < end) {
-            if (p[1] == '/') {
-                --depth;
-            } else if (p[1] != '!' && p[1] != '?') {
-                inTag = true;
-                if (++depth > MaximumDepth) {
-                    column = int(p - lineStart) + 1;
+        }
+        return true;
+    }
+
+    bool startsWith(const char* word) const
+    {
+        const size_t size = std::strlen(word);
+        return size_t(mpEnd - mp) >= size && std::memcmp(mp, word, size) == 0;
+    }
+
+    bool refuse(const char* why)
+    {
+        mpcError = why;
+        mpFault = mp;
+        return false;
+    }
+
+    // One character of text or of an attribute value, keeping count of
+    // lines for the error's place.
+    bool character()
+    {
+        const char c = *mp;
+        if (c == '\0')
+            return refuse("text that is not UTF-8");
+        if (c == '&')
+            return reference();
+        if (c == '\n') {
+            ++miLine;
+            mpLine = mp + 1;
+        }
+        ++mp;
+        return true;
+    }
+
+    // At '&': one of the five predefined entities, or a reference to a
+    // character the text form can give back. With no document type any other
+    // name is undeclared; QDom would keep it as a node that no list reads.
+    bool reference()
+    {
+        static const char* const entities[] = {"&lt;", "&gt;", "&amp;", "&quot;", "&apos;"};
+        if (mpEnd - mp < 2 || mp[1] != '#') {
+            for (const char* entity : entities)
+                if (startsWith(entity)) {
+                    mp += std::strlen(entity);
                     return true;
                 }
+            return refuse("a reference to an undeclared entity");
+        }
+        const char* p = mp + 2;
+        const bool hexadecimal = p < mpEnd && *p == 'x';
+        if (hexadecimal)
+            ++p;
+        unsigned long long code = 0;
+        const char* digits = p;
+        for (; p < mpEnd && *p != ';'; ++p) {
+            const char c = *p;
+            unsigned value;
+            if (c >= '0' && c <= '9')
+                value = unsigned(c - '0');
+            else if (hexadecimal && c >= 'a' && c <= 'f')
+                value = unsigned(c - 'a' + 10);
+            else if (hexadecimal && c >= 'A' && c <= 'F')
+                value = unsigned(c - 'A' + 10);
+            else
+                return refuse("a character reference that is not one");
+            code = code * (hexadecimal ? 16 : 10) + value;
+            if (code > 0xFFFF)
+                return refuse("a character reference beyond the first plane");
+        }
+        if (p == mpEnd || p == digits)
+            return refuse("a character reference that is not one");
+        if (code == 0 || (code >= 0xD800 && code <= 0xDFFF))
+            return refuse("a character reference to no character");
+        mp = p + 1;
+        return true;
+    }
+
+    // Moves behind `end`, starting `skip` bytes on; refuses when it is missing.
+    bool skipPast(size_t skip, const char* end)
+    {
+        const size_t size = std::strlen(end);
+        for (mp += skip; mp < mpEnd; ++mp) {
+            if (size_t(mpEnd - mp) >= size && std::memcmp(mp, end, size) == 0) {
+                mp += size;
+                return true;
+            }
+            if (*mp == '\0')
+                return refuse("text that is not UTF-8");
+            if (*mp == '\n') {
+                ++miLine;
+                mpLine = mp + 1;
             }
         }
+        return refuse("markup that does not end");
     }
-    return false;
-}
+
+    void skipBlanks()
+    {
+        for (; mp < mpEnd && isBlank(*mp); ++mp)
+            if (*mp == '\n') {
+                ++miLine;
+                mpLine = mp + 1;
+            }
+    }
+
+    // A name runs to white space or to one of `stops`.
+    bool name(const char*& start, int& size, const char* stops)
+    {
+        start = mp;
+        while (mp < mpEnd && !isBlank(*mp) && !std::strchr(stops, *mp)) {
+            if (*mp == '\0')
+                return refuse("text that is not UTF-8");
+            ++mp;
+        }
+        size = int(mp - start);
+        if (size == 0)
+            return refuse("a tag without a name");
+        if (std::memchr(start, ':', size_t(size))) {
+            mp = start;
+            return refuse("a name with a namespace prefix");
+        }
+        return true;
+    }
+
+    // After '<': the name, then the attributes up to '>' or "/>".
+    bool startTag(bool& closed)
+    {
+        ++mp;
+        const char* start;
+        int size;
+        if (!name(start, size, "/>"))
+            return false;
+        moNames.clear();
+        for (;;) {
+            skipBlanks();
+            if (mp == mpEnd)
+                return refuse("markup that does not end");
+            if (*mp == '>') {
+                ++mp;
+                break;
+            }
+            if (*mp == '/') {
+                if (mpEnd - mp < 2 || mp[1] != '>')
+                    return refuse("a tag that is not one");
+                mp += 2;
+                closed = true;
+                break;
+            }
+            // QDom takes attributes that no white space sets apart, and so
+            // does the screen.
+            const char* attribute = mp;
+            if (!name(start, size, "=/>"))
+                return false;
+            if (size == 5 && std::memcmp(start, "xmlns", 5) == 0) {
+                mp = attribute;
+                return refuse("a namespace declaration");
+            }
+            moNames.push_back(std::make_pair(start, size));
+            skipBlanks();
+            if (mp == mpEnd || *mp != '=')
+                return refuse("an attribute without a value");
+            ++mp;
+            skipBlanks();
+            if (mp == mpEnd || (*mp != '"' && *mp != '\''))
+                return refuse("an attribute without a value");
+            const char quote = *mp++;
+            while (mp < mpEnd && *mp != quote)
+                if (!character())
+                    return false;
+            if (mp == mpEnd)
+                return refuse("markup that does not end");
+            ++mp;
+        }
+        return uniqueNames();
+    }
+
+    bool uniqueNames()
+    {
+        if (moNames.size() < 2)
+            return true;
+        const auto less = [](const std::pair<const char*, int>& a, const std::pair<const char*, int>& b) {
+            const int compared = std::memcmp(a.first, b.first, size_t(std::min(a.second, b.second)));
+            return compared < 0 || (compared == 0 && a.second < b.second);
+        };
+        std::sort(moNames.begin(), moNames.end(), less);
+        for (size_t i = 1; i < moNames.size(); ++i)
+            if (!less(moNames[i - 1], moNames[i])) {
+                mp = moNames[i].first;
+                return refuse("an attribute given twice");
+            }
+        return true;
+    }
+
+    // The XML declaration: its encoding, if it names one, must be UTF-8.
+    bool declaration()
+    {
+        const char* start = mp;
+        if (!skipPast(5, "?>"))
+            return false;
+        const QByteArray text = QByteArray(start, int(mp - start)).toLower();
+        const int at = text.indexOf("encoding");
+        if (at < 0)
+            return true;
+        const int equals = text.indexOf('=', at);
+        QByteArray value = equals < 0 ? QByteArray() : text.mid(equals + 1).trimmed();
+        if (!value.isEmpty() && (value.at(0) == '"' || value.at(0) == '\'')) {
+            const int close = value.indexOf(value.at(0), 1);
+            value = close < 0 ? QByteArray() : value.mid(1, close - 1);
+        }
+        if (value == "utf-8")
+            return true;
+        mp = start;
+        return refuse("an encoding other than UTF-8");
+    }
+
+    const char* mp;
+    const char* mpEnd;
+    const char* mpLine;
+    const char* mpFault = nullptr;
+    const char* mpcError = "";
+    int miLine = 1;
+    std::vector<std::pair<const char*, int>> moNames;
+};
 
 } // namespace
 
 bool parse(const QByteArray& text, QDomDocument& document, QString& error, int& line, int& column)
 {
-    if (tooDeep(text, line, column)) {
-        error = QStringLiteral("elements nested more than %1 deep").arg(MaximumDepth);
+    if (!Screen(text).run(error, line, column))
         return false;
-    }
-    if (read(text, document))
+    if (!read(text, document) && !document.setContent(text, true, &error, &line, &column))
+        return false;
+    // An empty list is written as no bytes at all, which read as a bare
+    // root: a document whose root is empty must be that already, or another
+    // root name, its attributes or the nodes beside it would be lost.
+    const QDomElement root = document.documentElement();
+    if (root.hasChildNodes() ||
+        (document.childNodes().count() == 1 && root.tagName() == XmlListDetail::rootTag() && !root.hasAttributes()))
         return true;
-    return document.setContent(text, true, &error, &line, &column);
+    error = QStringLiteral("an empty list holds more than its bare root");
+    line = 1;
+    column = 1;
+    return false;
 }
 
 bool write(const QDomDocument& document, int indent, QByteArray& out)
@@ -611,9 +966,17 @@ bool write(const QDomDocument& document, int indent, QByteArray& out)
         return false;
     std::string text;
     text.reserve(4096);
-    for (QDomNode node = document.firstChild(); !node.isNull(); node = node.nextSibling())
-        if (!node.isElement() || !writeElement(text, node.toElement(), indent))
+    for (QDomNode node = document.firstChild(); !node.isNull(); node = node.nextSibling()) {
+        if (node.isElement()) {
+            if (!writeElement(text, node.toElement(), indent))
+                return false;
+        } else if (appendMarkup(text, node)) {
+            if (indent != -1)
+                text += '\n';
+        } else {
             return false;
+        }
+    }
     out.append(text.data(), int(text.size()));
     return true;
 }

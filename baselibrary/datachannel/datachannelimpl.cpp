@@ -3,6 +3,7 @@
 #include "core/context.h"
 #include "core/extent.h"
 #include "core/trace.h"
+#include "core/xmllistiterator.h"
 #include "messaging/messaging.h"
 #include "messaging/msg.h"
 #include "messaging/msgcatalogue.h"
@@ -245,6 +246,22 @@ void DatachannelImpl::peerGone(bool undeliverable)
     BTRACE(TraceAlways) << (undeliverable ? "Data for the peer could not be delivered" : "The peer has ended") << moPeer
                         << "channel" << muiId;
     fail();
+}
+
+unsigned long long DatachannelImpl::detailNumber(const XmlList& details, const QString& key)
+{
+    const XmlListIterator item = details.first(key);
+    if (item.isNull())
+        return 0;
+    if (item.type() == XmlList::ValueUint32) {
+        unsigned narrow = 0;
+        details.get(narrow, item);
+        return narrow;
+    }
+    unsigned long long wide = 0;
+    if (item.type() == XmlList::ValueUint64)
+        details.get(wide, item);
+    return wide;
 }
 
 void DatachannelImpl::setThrottle(unsigned bytesPerSecond)

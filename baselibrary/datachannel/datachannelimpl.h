@@ -150,6 +150,9 @@ protected:
     virtual void peerGone(bool undeliverable);
     // Ends the channel for good.
     void fail() { mbValid = false; }
+    // A number of the details, stored 32 or 64 bits wide; 0 when absent or
+    // of another type.
+    static unsigned long long detailNumber(const XmlList& details, const QString& key);
 
     MsgAddress moPeer;
     Transport meTransport = DatachannelTransport::None;

@@ -28,6 +28,15 @@ Extent IpcPacket::buffer(const Extent& header, unsigned size)
 
 Extent IpcPacket::buffer() const { return Extent(moBytes.data(), size()); }
 
+void IpcPacket::adopt(Buffer& bytes)
+{
+    empty();
+    mbTransmitted = false;
+    mbReceived = false;
+    moBytes.swap(bytes);
+    bytes.reset();
+}
+
 void IpcPacket::transmitted() { mbTransmitted = true; }
 
 void IpcPacket::received()

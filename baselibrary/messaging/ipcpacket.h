@@ -54,6 +54,10 @@ public:
     virtual Extent buffer(const Extent& header, unsigned size);
     // A view of the whole packet, size() bytes.
     virtual Extent buffer() const;
+    // For a receiver that gathered the packet itself: takes `bytes`, the
+    // whole packet from its magic on, as its buffer, leaving `bytes` empty;
+    // as buffer(header, size) and a fill would have left it.
+    void adopt(Buffer& bytes);
     // Called by the sender when the last byte has gone.
     virtual void transmitted();
     // Called by the receiver when the last byte has arrived: finds the fields.

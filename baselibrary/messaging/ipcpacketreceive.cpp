@@ -48,6 +48,7 @@ IpcPacketReceive::~IpcPacketReceive() = default;
 void IpcPacketReceive::setSocket(const boost::shared_ptr<TCPSocketData>& socket)
 {
     mptPacket.reset();
+    moGathered.reset();
     moRemaining = Extent();
     muiHeaderFill = 0;
     muiAheadStart = muiAheadEnd = 0;
@@ -97,11 +98,19 @@ IpcResult IpcPacketReceive::receive()
         const unsigned got = read(moRemaining.at(), moRemaining.available());
         if (!got)
             return readFailed(true);
-        if (moRemaining.used(got) == 0) {
-            mptPacket->received();
-            muiHeaderFill = 0;
-            return eIpcResultOk;
+        if (moRemaining.used(got) != 0)
+            continue;
+        if (moGathered.size() != 0) {
+            if (moGathered.size() < muiPacketSize) {
+                if (!grow())
+                    return eIpcResultTooBig;
+                continue;
+            }
+            mptPacket->adopt(moGathered);
         }
+        mptPacket->received();
+        muiHeaderFill = 0;
+        return eIpcResultOk;
     }
 }
 
@@ -150,14 +159,45 @@ IpcResult IpcPacketReceive::startPacket()
         return eIpcResultTooBig;
     }
     mptPacket = packetFor(type);
+    muiPacketSize = size;
     try {
-        moRemaining = mptPacket->buffer(header, size);
+        if (size <= GrowthStep) {
+            moRemaining = mptPacket->buffer(header, size);
+        } else {
+            // A size is only a claim: memory follows the bytes that come.
+            Buffer first(GrowthStep);
+            std::memcpy(first.data(), mcHeader, IpcPacketLayout::HeaderSize);
+            moGathered.swap(first);
+            moRemaining =
+                Extent(moGathered.data() + IpcPacketLayout::HeaderSize, GrowthStep - IpcPacketLayout::HeaderSize);
+        }
     } catch (const std::bad_alloc&) {
         BTRACE(TraceAlways) << "Size" << size << "to big, no memory for it";
         fail();
         return eIpcResultTooBig;
     }
     return eIpcResultOk;
+}
+
+bool IpcPacketReceive::grow()
+{
+    const unsigned filled = moGathered.size();
+    // Doubling keeps the copying to about the packet's size in all, and what
+    // is held to twice what has come; the last step ends at the exact size,
+    // so that the packet has no slack.
+    const unsigned long long wanted = std::max<unsigned long long>(2ull * filled, filled + GrowthStep);
+    const unsigned room = unsigned(std::min<unsigned long long>(wanted, muiPacketSize));
+    try {
+        Buffer larger(room);
+        std::memcpy(larger.data(), moGathered.data(), filled);
+        moGathered.swap(larger);
+    } catch (const std::bad_alloc&) {
+        BTRACE(TraceAlways) << "Size" << muiPacketSize << "to big, no memory for it at" << filled;
+        fail();
+        return false;
+    }
+    moRemaining = Extent(moGathered.data() + filled, room - filled);
+    return true;
 }
 
 IpcResult IpcPacketReceive::readFailed(bool inPacket)
@@ -179,6 +219,7 @@ void IpcPacketReceive::fail()
 {
     mbValid = false;
     mptPacket.reset();
+    moGathered.reset();
     moRemaining = Extent();
     muiHeaderFill = 0;
     muiAheadStart = muiAheadEnd = 0;

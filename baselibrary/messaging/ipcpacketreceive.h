@@ -36,6 +36,12 @@ class TCPSocketData;
 // socket, so call receive() until it gives eIpcResultAgain (or a failure)
 // before waiting for the socket again, as above.
 //
+// Memory: a packet's size is a claim of the peer, and memory follows the bytes
+// that arrive, not the claim. A packet of up to GrowthStep bytes gets its
+// buffer at once; a larger one is gathered in a buffer that starts at
+// GrowthStep and doubles as it fills, its last step ending at the exact size.
+// A header that claims 2 GiB and sends nothing more costs 64 KiB.
+//
 // Framing: the magic chooses the class (MsgPacket, DataPacket, DataMsgPacket);
 // the size must be from 9 to maximumSize(), which starts at 65,536 and which
 // the owner raises once the Hub has enabled the connection. A framing error
@@ -89,7 +95,11 @@ public:
     // in mid-packet.
     unsigned missing() const
     {
-        return mptPacket ? moRemaining.available() : (muiHeaderFill ? IpcPacketLayout::HeaderSize - muiHeaderFill : 0);
+        if (!mptPacket)
+            return muiHeaderFill ? IpcPacketLayout::HeaderSize - muiHeaderFill : 0;
+        if (moGathered.size() != 0)
+            return muiPacketSize - (moGathered.size() - moRemaining.available());
+        return moRemaining.available();
     }
 
     // Bytes read from the socket ahead of the packet in hand. A poll on the
@@ -107,6 +117,9 @@ public:
     // call brings this much at most, so that small packets do not cost a call
     // each and a channel's 16 KiB buffers come several to a call.
     static const unsigned ReadAheadSize = 65536;
+    // The most a packet is given before its bytes have come, and the least a
+    // gathering buffer grows by.
+    static const unsigned GrowthStep = 65536;
 
 private:
     // Up to `size` bytes into `into`, from the read-ahead or the socket; 0
@@ -117,12 +130,19 @@ private:
     // A full header: checks magic and size and makes the packet; a framing
     // error fails the receiver.
     IpcResult startPacket();
+    // More room in the gathering buffer, up to the packet's size; false, with
+    // the receiver failed, when the memory is not there.
+    bool grow();
     void fail();
 
     boost::shared_ptr<TCPSocketData> mptSocket;
     boost::shared_ptr<IpcPacket> mptPacket;
-    // What is still to come of the packet's body; its cursor is the fill.
+    // What is still to come of the packet's body, or of the room gathered so
+    // far; its cursor is the fill.
     Extent moRemaining;
+    // A large packet's bytes as they come, header included; empty otherwise.
+    Buffer moGathered;
+    unsigned muiPacketSize = 0;
     unsigned char mcHeader[IpcPacketLayout::HeaderSize] = {};
     unsigned muiHeaderFill = 0;
     // Bytes read past the current packet: moAhead from start to end.

@@ -253,9 +253,10 @@ bool Messaging::proxyLog(const Msg& message)
     if (message.source() == moAddress)
         return false;
     // A thread of this process logs through this context.
-    if (moLoggingAddress) {
-        BTRACE(TraceDebug) << "#### Proxy a log message ####" << message.source() << "to" << moLoggingAddress;
-        send(Msg(moLoggingAddress, message.name(), message.body(), message.compression()));
+    const MsgAddress logging = loggingAddress();
+    if (logging) {
+        BTRACE(TraceDebug) << "#### Proxy a log message ####" << message.source() << "to" << logging;
+        send(Msg(logging, message.name(), message.body(), message.compression()));
     } else {
         BTRACE(TraceNormal) << "Give proxy log message to the bit bucket" << message.source();
     }
@@ -446,9 +447,12 @@ MsgAddress Messaging::connect(const boost::shared_ptr<Messaging>& other, const Q
         }
     }
 
-    if (result && !moLoggingAddress && proxy == Log::eProxy && result.type() == eMsgAddressAttached) {
-        moLoggingAddress = result;
-        BTRACE(TraceNormal) << "Log to" << moLoggingAddress;
+    if (result && proxy == Log::eProxy && result.type() == eMsgAddressAttached) {
+        boost::mutex::scoped_lock lock(moMutex);
+        if (!moLoggingAddress) {
+            moLoggingAddress = result;
+            BTRACE(TraceNormal) << "Log to" << moLoggingAddress;
+        }
     }
     if (!result)
         other->failed(cookie);
@@ -459,16 +463,19 @@ bool Messaging::connectQueue(Messaging* other)
 {
     if (!other || other == this)
         return false;
-    if (mbDisabled) {
-        BTRACE(TraceNormal) << "Messaging is disabled, cannot take a queue";
-        return false;
-    }
     const boost::shared_ptr<MsgQueue> queue = other->mptHandler->queue();
     if (!queue || !queue->isValid()) {
         BTRACE(TraceAlways) << "The other context does not have a message queue" << other->address();
         return false;
     }
+    // Often called from the other context's thread: the test of this side's
+    // state and the entry are one step under the mutex, which release() also
+    // takes, so that no entry is made behind a release.
     boost::mutex::scoped_lock lock(moMutex);
+    if (mbDisabled) {
+        BTRACE(TraceNormal) << "Messaging is disabled, cannot take a queue";
+        return false;
+    }
     const BinaryAddress& key = other->address().binary();
     if (moQueues.contains(key)) {
         BTRACE(TraceAlways) << "Already connected to other context" << other->address();
@@ -483,13 +490,34 @@ bool Messaging::connectQueue(Messaging* other)
 bool Messaging::disconnect(const MsgAddress& address, const QString& cookie)
 {
     if (!cookie.isEmpty()) {
-        Msg disconnected(address, Catalogue::MsgDisconnectedPost::Message);
+        Msg disconnected(Authorization(), moAddress, address, Catalogue::MsgDisconnectedPost::Message);
         disconnected.setCookie(cookie);
-        send(disconnected);
+        bool found = false;
+        // From another thread only the queues may be used: the handler and
+        // the receive queue belong to this context's thread.
+        if (Context::id() == muiContextId)
+            send(disconnected);
+        else if (!mbDisabled && !sendToQueue(disconnected, false, found))
+            BTRACE(TraceNormal) << "Not connected to" << address << "cannot tell it" << disconnected.name();
     }
-    if (moLoggingAddress && moLoggingAddress == address)
-        moLoggingAddress.clear();
+    {
+        boost::mutex::scoped_lock lock(moMutex);
+        if (moLoggingAddress && moLoggingAddress == address)
+            moLoggingAddress.clear();
+    }
     return disconnectQueue(address);
+}
+
+MsgAddress Messaging::loggingAddress() const
+{
+    boost::mutex::scoped_lock lock(moMutex);
+    return moLoggingAddress;
+}
+
+void Messaging::setLoggingAddress(const MsgAddress& address)
+{
+    boost::mutex::scoped_lock lock(moMutex);
+    moLoggingAddress = address;
 }
 
 bool Messaging::disconnectQueue(const MsgAddress& address)
@@ -569,8 +597,8 @@ void Messaging::release()
         for (const boost::shared_ptr<MsgQueue>& queue : qAsConst(moQueues))
             queue->removeUser();
         moQueues.clear();
+        mbDisabled = true;
     }
-    mbDisabled = true;
 }
 
 // ---------------------------------------------------------------------------

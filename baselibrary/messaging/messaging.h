@@ -57,8 +57,8 @@ class TCPSocketSelect;
 // Threads: a Messaging has no thread of its own; everything runs on its
 // context's thread, in `send`, `receive` and the waits, so handlers run during
 // any wait. Other threads come in only through the queue its handler gives
-// out, and through `connect`, `connectQueue`, `disconnectQueue` and `failed`,
-// which take `mutex`. Locks are taken in the order Messaging's mutex, then a
+// out, and through `connect`, `connectQueue`, `disconnect`, `disconnectQueue`,
+// `failed` and the logging address, which take `mutex`. Locks are taken in the order Messaging's mutex, then a
 // MsgQueue's.
 class BREVI_EXPORT Messaging
 {
@@ -86,11 +86,13 @@ public:
     const MsgAddress& parentAddress() const { return moParentAddress; }
     // Where this context's log messages go; invalid when nowhere. An
     // attached context sends to the machine's log daemon; a thread's context
-    // to the attached context it was connected to with Log::eProxy.
-    const MsgAddress& loggingAddress() const { return moLoggingAddress; }
+    // to the attached context it was connected to with Log::eProxy. A copy,
+    // under the mutex: a context that this one is connected to clears it
+    // from its own thread when it disconnects.
+    MsgAddress loggingAddress() const;
     // For a context that is to log elsewhere; the invalid address stops its
-    // logging. Owner's thread only.
-    void setLoggingAddress(const MsgAddress& address) { moLoggingAddress = address; }
+    // logging.
+    void setLoggingAddress(const MsgAddress& address);
     unsigned contextId() const { return muiContextId; }
     // The descriptor of the Hub link; -1 for a context without one.
     int socket();
@@ -173,8 +175,11 @@ public:
     // Log::eProxy and no logging address yet, an attached `other` becomes
     // this context's log proxy.
     MsgAddress connect(const boost::shared_ptr<Messaging>& other, const QString& cookie, Log::Proxy proxy);
-    // Sends `address` a MsgDisconnectedPost with `cookie` (if not empty), then
-    // forgets its queue. True when it was connected.
+    // Sends `address` a MsgDisconnectedPost with `cookie` (if not empty),
+    // clears the logging address if it is `address`, then forgets its queue.
+    // True when it was connected. The connected context may call it from its
+    // own thread, as ThreadComms does for both ends: the post then goes only
+    // through the queue table, never through this context's handler.
     bool disconnect(const MsgAddress& address, const QString& cookie);
     // Enters `other`'s queue under `other`'s address. False when `other` has
     // no usable queue or is already connected.

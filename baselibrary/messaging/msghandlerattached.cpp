@@ -330,7 +330,7 @@ bool MsgHandlerAttached::fillReceiveQueue(const TCPSocketSelect* selected)
         }
     }
 
-    if (!linkUp() || (selected && !selected->isSet(*mptSocket, TCPSocketSelect::Read)))
+    if (!readable(selected))
         return nothing;
     // The receiver reads ahead of the packet in hand: read until it says
     // the socket is dry, or what it holds would wait for a poll that never
@@ -345,12 +345,13 @@ bool MsgHandlerAttached::fillReceiveQueue(const TCPSocketSelect* selected)
             continue;
         if (!mbDetaching)
             nothing = false;
+        // Behind the Hub's leave to talk to others may come, in the same
+        // read, what only an enabled link takes: the limit rises here, as
+        // enableConnection raises it when it sees the reply, and reading
+        // goes on.
+        if (isEnableReply(*packet))
+            moPacketReceive.setMaximumSize(IpcPacketLayout::EnabledMaximumSize);
         take(packet);
-        // Behind the Hub's leave to talk to others may come what only an
-        // enabled link takes: read on once the owner has raised the limit.
-        // What is read ahead waits for the next wait, which reads first.
-        if (isEnableReply(*packet) && moPacketReceive.maximumSize() <= IpcPacketLayout::InitialMaximumSize)
-            return nothing;
     }
     if (result == eIpcResultAgain)
         return nothing;
@@ -394,6 +395,11 @@ void MsgHandlerAttached::linkLost(const char* how)
 
 bool MsgHandlerAttached::linkUp() const { return mptSocket && mptSocket->isValid(); }
 
+bool MsgHandlerAttached::readable(const TCPSocketSelect* selected) const
+{
+    return linkUp() && (!selected || selected->isSet(*mptSocket, TCPSocketSelect::Read) || moPacketReceive.buffered());
+}
+
 bool MsgHandlerAttached::nothingLeft() const
 {
     if (linkUp())
@@ -405,17 +411,19 @@ bool MsgHandlerAttached::nothingLeft() const
 bool MsgHandlerAttached::selectWait(IpcResult& result, qint64 ms, const char* where)
 {
     moSelect.clone(moSelectClone);
-    const TCPError error = moSelectClone.wait(ms);
+    const TCPError error = moSelectClone.wait(linkUp() && moPacketReceive.buffered() ? 0 : ms);
     switch (error) {
     case eTCPErrorNone:
         return true;
+    case eTCPErrorTimeout:
+        if (ms != 0 && linkUp() && moPacketReceive.buffered())
+            return true; // the receiver has bytes: fillReceiveQueue reads them
+        result = eIpcResultTimeout;
+        return false;
     case eTCPErrorInterrupted:
         // The clone's sets are empty now: look at everything again.
         moSelect.clone(moSelectClone);
         return true;
-    case eTCPErrorTimeout:
-        result = eIpcResultTimeout;
-        return false;
     default:
         moSelect.debug(TraceAlways, QStringLiteral("%1 moSelect").arg(QLatin1String(where)));
         moSelectClone.debug(TraceAlways, QStringLiteral("%1 moClone").arg(QLatin1String(where)));
@@ -553,12 +561,14 @@ bool MsgHandlerAttached::select(TCPSocketSelect& select)
         return false;
     }
     moSelect.clone(select);
+    if (moPacketReceive.buffered() || !mpoReceiveQueue->isEmpty())
+        select.set(*mptSocket, TCPSocketSelect::Write);
     return true;
 }
 
 bool MsgHandlerAttached::pending(const TCPSocketSelect& select)
 {
-    if (mptSocket && select.isSet(*mptSocket, TCPSocketSelect::ReadWrite))
+    if (mptSocket && (select.isSet(*mptSocket, TCPSocketSelect::ReadWrite) || moPacketReceive.buffered()))
         return true;
     return mptQueue && mptQueue->pending(select);
 }

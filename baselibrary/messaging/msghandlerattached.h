@@ -114,9 +114,14 @@ public:
     // The link's descriptor; -1 once it is gone.
     int socket() override;
     // `select` becomes a copy of the handler's select (link and wake-up
-    // pair); emptied, and false, without a link.
+    // pair); emptied, and false, without a link. While something that a
+    // poll cannot see waits in this process (a message in the receive
+    // queue, bytes the receiver read ahead), the link is also asked for
+    // writing, which it nearly always is: a wait on `select` then ends at
+    // once, and the caller handles what waits instead of sleeping on it.
     bool select(TCPSocketSelect& select) override;
-    // The link is ready in `select`, or the queue has something.
+    // The link is ready in `select`, the receiver holds bytes read ahead, or
+    // the queue has something.
     bool pending(const TCPSocketSelect& select) override;
     // Makes the queue's wake-up pair and puts it into the select.
     bool prepareQueue() override;
@@ -144,8 +149,13 @@ private:
     // only when the link is writable in it.
     void emptySendQueue(const TCPSocketSelect* selected);
     // Takes in what the queue and the link have. With a select result, only
-    // what is ready in it. True when nothing came.
+    // what is ready in it. True when nothing came. It reads the link until the
+    // receiver says the socket is dry, so that nothing it read ahead is left
+    // for a poll that cannot see it.
     bool fillReceiveQueue(const TCPSocketSelect* selected);
+    // Whether the link is to be read: it is up, and the select result says it
+    // is readable or bytes read ahead wait in the receiver (null: always).
+    bool readable(const TCPSocketSelect* selected) const;
     // The link is gone: closes it, then tells the owner (notifyIpcClosed) or
     // releases the queue.
     void linkLost(const char* how);
@@ -153,7 +163,8 @@ private:
     // while detaching.
     void take(const boost::shared_ptr<IpcPacket>& packet);
     // One wait on a copy of the select; `where` names the caller in the
-    // trace of a failure, which disables the handler.
+    // trace of a failure, which disables the handler. While bytes read ahead
+    // wait in the receiver it only looks, and does not sleep.
     bool selectWait(IpcResult& result, qint64 ms, const char* where);
     bool linkUp() const;
     // Whether the link is gone and no other context can send through the

@@ -53,8 +53,9 @@ bool MsgQueue::append(boost::any* item, bool once, const char* failure)
     moItems.append(*item);
     muiChanges.fetch_add(1, std::memory_order_release);
     // One wake-up for a burst: the owner takes every item when it wakes.
-    if (moItems.size() != 1)
+    if (moItems.size() != 1 && !mbWakeOwed)
         return true;
+    mbWakeOwed = false;
     if (!mbWakeUnlocked)
         return wake(failure);
     // The woken owner goes straight for the mutex: let it have it.

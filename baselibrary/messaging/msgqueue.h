@@ -82,8 +82,9 @@ protected:
     explicit MsgQueue(unsigned contextId, bool invalid);
 
     // Appends under the mutex; `wake` is called when the queue has just gone
-    // from empty to one item, and its failure fails the enqueue. It runs
-    // under the mutex unless `mbWakeUnlocked` is set.
+    // from empty to one item, or when an earlier wake-up is still owed, and
+    // its failure fails the enqueue. It runs under the mutex unless
+    // `mbWakeUnlocked` is set.
     bool append(boost::any* item, bool once, const char* failure);
     // Wakes the owner.
     virtual bool wake(const char* failure) = 0;
@@ -99,6 +100,9 @@ protected:
     bool mbReleased = false;
     // The subclass's wake-up needs no lock (a condition variable's notify).
     bool mbWakeUnlocked = false;
+    // A wake-up that the system would not take for the moment: the next
+    // append tries it again, though the queue is not empty. Under the mutex.
+    bool mbWakeOwed = false;
     // Counts appends and releases, so that an owner about to sleep can watch
     // for news without the mutex.
     std::atomic<unsigned> muiChanges{0};

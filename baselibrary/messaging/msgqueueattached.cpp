@@ -18,6 +18,11 @@ const unsigned TraceModule = TraceModuleMsg;
 // gives fewer.
 const unsigned DrainSize = 256;
 
+// An interrupted call or a system short of buffers is tried again this many
+// times, no more: the wake-up is sent with the queue's mutex held, and a
+// system that keeps refusing must not hold every producer there.
+const unsigned RetryLimit = 8;
+
 qint64 monotonicMs()
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
@@ -41,7 +46,7 @@ bool MsgQueueAttached::wake(const char* failure)
     if (!mptSend || !*mptSend)
         return true;
     const char byte = 0;
-    for (;;) {
+    for (unsigned attempt = 1;; ++attempt) {
         if (mptSend->send(&byte, 1) == 1)
             return true;
         switch (mptSend->lastError()) {
@@ -50,7 +55,14 @@ bool MsgQueueAttached::wake(const char* failure)
             return true;
         case eTCPErrorInterrupted:
         case eTCPErrorNoBuffers:
-            continue;
+            if (attempt < RetryLimit)
+                continue;
+            // The item stays queued; the owner is woken by the next append,
+            // or by whatever else wakes it first.
+            BTRACE(TraceAlways) << failure << *mptSend << mptSend->lastError() << "after" << attempt
+                                << "attempts, the next item tries again";
+            mbWakeOwed = true;
+            return true;
         default:
             BTRACE(TraceAlways) << failure << *mptSend << mptSend->lastError();
             return false;
@@ -160,7 +172,7 @@ bool MsgQueueAttached::drain(const TCPSocketSelect* selected)
     if (selected && !selected->isSet(*mptRecv, TCPSocketSelect::Read))
         return false;
     char bytes[DrainSize];
-    for (;;) {
+    for (unsigned refused = 0;;) {
         const unsigned got = mptRecv->recv(bytes, DrainSize);
         if (got == DrainSize)
             continue;
@@ -171,7 +183,10 @@ bool MsgQueueAttached::drain(const TCPSocketSelect* selected)
             return true;
         case eTCPErrorInterrupted:
         case eTCPErrorNoBuffers:
-            continue;
+            // Bytes left behind only wake the owner once more.
+            if (++refused < RetryLimit)
+                continue;
+            return true;
         default:
             BTRACE(TraceAlways) << "Unexpected error" << *mptRecv << mptRecv->lastError();
             release();

@@ -28,6 +28,9 @@ class TCPSocketListen;
 // Only the transition from empty to one item writes a byte, so a burst costs
 // one; the owner reads the pair dry, 256 bytes a time, and then takes every
 // item. A full socket buffer counts as a wake-up sent: bytes already wait.
+// An interrupted send, or one the system has no buffers for, is tried a few
+// times and then left owed to the next item, so that no producer spins on
+// the mutex while the system refuses; the owner's reading likewise.
 //
 // The pair is made on port 0 and accepts only its own connection, so that
 // another process on the host cannot plant one. Invalid until `setup`, and

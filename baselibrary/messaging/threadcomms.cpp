@@ -109,10 +109,10 @@ bool ThreadComms::disconnect()
         BTRACE(TraceAlways) << "No messaging" << msName;
         return false;
     }
-    // The far side first, by the one call its Messaging takes from another
-    // thread; then this side, whose disconnect still reaches the far queue to
-    // tell it MsgDisconnectedPost with the link's name.
-    mptMessaging->disconnectQueue(Context::address());
+    // Both ends as Messaging::disconnect does them, the far one first: it
+    // tells this thread MsgDisconnectedPost with the link's name and stops
+    // logging here; then this end tells the far one and forgets its queue.
+    mptMessaging->disconnect(Context::address(), msName);
     here->disconnect(moAddress, msName);
     moAddress.clear();
     return true;

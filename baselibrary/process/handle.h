@@ -10,7 +10,9 @@ namespace Brevi {
 // invalid value (-1, the all-ones value), and then stores -1. A Handle cannot
 // be copied; it is shared through boost::shared_ptr (Spawn shares its process
 // handle between copies that way), so the descriptor stays open until the last
-// holder lets go, also after the process has ended.
+// holder lets go, also after the process has ended. The last holder of a
+// child's handle collects the child: at once if it has ended, otherwise
+// through the library's reaper thread once it ends (see Spawn).
 //
 // The process calls (running, wait) fail, never crash, on a Handle that holds
 // no process: they answer false.

@@ -84,6 +84,8 @@ struct Launch {
     const char* program = nullptr;
     char* const* arguments = nullptr;
     const char* directory = nullptr;
+    // A process group of its own.
+    bool processGroup = false;
     // -1 for /dev/null.
     int input = -1;
     // Standard output and standard error; -1 for /dev/null.
@@ -138,8 +140,14 @@ int launchDirect(const Launch& launch, pid_t& pid)
         result = posix_spawnattr_setsigmask(&attributes, &none);
     if (result == 0)
         result = posix_spawnattr_setsigdefault(&attributes, &defaults);
+    short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+    if (launch.processGroup) {
+        flags |= POSIX_SPAWN_SETPGROUP;
+        if (result == 0)
+            result = posix_spawnattr_setpgroup(&attributes, 0);
+    }
     if (result == 0)
-        result = posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        result = posix_spawnattr_setflags(&attributes, flags);
     if (result == 0)
         result = posix_spawn(&pid, launch.program, &actions, &attributes, launch.arguments, environ);
 
@@ -200,6 +208,8 @@ int launchAs(const Launch& launch, const SpawnLogon::Identity& identity, pid_t& 
         defaultAction.sa_handler = SIG_DFL;
         sigaction(SIGPIPE, &defaultAction, nullptr);
         sigaction(SIGCHLD, &defaultAction, nullptr);
+        if (launch.processGroup && setpgid(0, 0) < 0)
+            childFailed(report[1], StageCreate);
 
         if (!childStandard(launch.input, STDIN_FILENO, "r") || !childStandard(launch.output, STDOUT_FILENO, "w")
             || dup2(STDOUT_FILENO, STDERR_FILENO) != STDERR_FILENO)
@@ -528,6 +538,7 @@ bool Spawn::spawn()
         launch.directory = msWorkingDirectory.isEmpty() ? nullptr : directory.constData();
         launch.input = stdinFile >= 0 ? stdinFile : inputRead;
         launch.output = outputWrite;
+        launch.processGroup = mbProcessGroup;
 
         pid_t pid = 0;
         bool started = false;

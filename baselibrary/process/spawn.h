@@ -66,9 +66,12 @@ namespace Brevi {
 // A variable that did not exist before is left behind set to an empty value.
 //
 // Nothing here waits for the child beyond alive(): use getOSHandle()->wait().
-// The child is collected when the last holder of its handle lets go after it
-// has ended; a process that reaps every child itself (waitpid(-1), SIGCHLD
-// ignored) leaves the handle nothing to report. Writing to the input pipe of
+// Every child is collected once it has ended, whoever lets go of it: when the
+// last holder of its handle goes while the child still runs, a reaper thread
+// of the library takes the handle over and collects the child when it ends
+// (the thread exists only while it has such children). A process that reaps
+// every child itself (waitpid(-1), SIGCHLD ignored) leaves the handle nothing
+// to report. Writing to the input pipe of
 // a child that has gone raises SIGPIPE, as on any pipe, unless the process
 // ignores that signal.
 class BREVI_EXPORT Spawn
@@ -120,6 +123,9 @@ public:
     void setPipeInput();
     // A pipe from the child's standard output and standard error.
     void setPipeOutput();
+    // The child leads a process group of its own (its pid is the group's id),
+    // so that whoever ends it can end what it started too: kill(-pid, ...).
+    void setProcessGroup() { mbProcessGroup = true; }
 
     // Arguments are passed in the order of adding. A null string is refused, an
     // empty one is an argument. Numbers are written in base 10; a bool is
@@ -195,6 +201,7 @@ private:
     ErrorE meError = eNone;
     bool mbPipeInput = false;
     bool mbPipeOutput = false;
+    bool mbProcessGroup = false;
     unsigned int muiOSPid = 0;
 };
 

@@ -108,6 +108,16 @@ bool NetAddress::setAddress(const QString& text)
     } else {
         QHostAddress::setAddress(text);
     }
+    // A scope id with a blank or a control character in it could not come
+    // back through the text form: getAddressString would write what this
+    // reads otherwise.
+    const QString scope = scopeId();
+    for (const QChar c : scope)
+        if (c.unicode() <= ' ' || c.unicode() == 0x7F) {
+            clear();
+            muiPort = 0;
+            return false;
+        }
     return valid();
 }
 

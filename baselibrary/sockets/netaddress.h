@@ -63,7 +63,8 @@ public:
     // Clears the address, then splits `text` at blanks, leaving out empty
     // parts. Two parts are a numeric host and a decimal port; a port that does
     // not parse leaves the address null. Any other number of parts is tried
-    // whole as a host (port 0), which fails for text with inner blanks.
+    // whole as a host (port 0), which fails for text with inner blanks. An
+    // IPv6 scope id with a blank or a control character leaves it null too.
     // Returns valid().
     bool setAddress(const QString& text);
     NetAddress& operator=(const QString& text)

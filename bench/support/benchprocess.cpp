@@ -51,12 +51,13 @@ Program::~Program()
 
 void Program::signal(int number) const { ::kill(miPid, number); }
 
-HubRun::HubRun(const QString& home)
+HubRun::HubRun(const QString& home, const QStringList& arguments)
     : msHome(home.isEmpty() ? moOwnHome.path() : home)
 {
     port = TCPSocketListen("Probe", NetAddress(QHostAddress::LocalHost, 0), 1).localAddress().getPort();
-    mpProgram.reset(new Program(
-        HUB_PATH, {"--port", QString::number(port), "--node", "bench", "--machine-id", "0", "--home", msHome}));
+    mpProgram.reset(new Program(HUB_PATH, QStringList{"--port", QString::number(port), "--node", "bench",
+                                                      "--machine-id", "0", "--home", msHome} +
+                                              arguments));
 }
 
 bool HubRun::ready(benchmark::State& state) const

@@ -34,11 +34,12 @@ private:
 };
 
 // The real Hub on a port that was free a moment before, with the machine
-// name "bench@0", in `home` (or a home of its own when none is given).
+// name "bench@0", in `home` (or a home of its own when none is given), and
+// any further arguments given.
 class HubRun
 {
 public:
-    explicit HubRun(const QString& home = QString());
+    explicit HubRun(const QString& home = QString(), const QStringList& arguments = QStringList());
 
     // True once the Hub takes connections (within a few seconds).
     bool listening() const;

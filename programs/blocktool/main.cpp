@@ -16,12 +16,15 @@
 #include "persistent/bplustreecheck.h"
 #include "persistent/bplustreerepair.h"
 
+#include "toolcommon.h"
+
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFile>
 #include <QTextStream>
 
 using namespace Brevi;
+using Brevi::ToolCommon::parseCommandLine;
 
 namespace {
 
@@ -89,10 +92,12 @@ int main(int argc, char** argv)
     parser.addPositionalArgument("command", "stat: the control record and counts; check: the checker's verdict; "
                                             "repair: lost blocks of a B+ tree file back to its free list.");
     parser.addPositionalArgument("file", "The block file (its free list is FILE.free).");
-    parser.process(application);
+    QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), "blocktool", err);
+    if (parsed >= 0)
+        return parsed;
 
     QTextStream out(stdout);
-    QTextStream err(stderr);
     const QStringList arguments = parser.positionalArguments();
     if (arguments.size() != 2 || (arguments[0] != "stat" && arguments[0] != "check" && arguments[0] != "repair")) {
         err << "usage: blocktool stat|check|repair FILE (see --help)\n";

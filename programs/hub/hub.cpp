@@ -3,9 +3,11 @@
 #include "hubconstants.h"
 #include "hublink.h"
 #include "hubmanager.h"
+#include "linkpoller.h"
 
 #include "core/context.h"
 #include "core/trace.h"
+#include "core/traceerrorcode.h"
 #include "messaging/datamsgpacket.h"
 #include "messaging/ipcpacket.h"
 #include "messaging/msgaddress.h"
@@ -13,7 +15,6 @@
 #include "messaging/msgpacket.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
-#include "sockets/tcpsocketselect.h"
 
 #include <QSet>
 
@@ -45,6 +46,13 @@ const unsigned BusyWaitMs = 50;
 const unsigned TimerCheckMs = 20;
 // How often monitored processes without a link are looked at.
 const unsigned MonitorCheckMs = 250;
+// How long a leaving process has to close its end of the link once the Hub
+// has ended its own, before the Hub closes the link anyway.
+const unsigned long long LeaveGraceMs = 1000;
+// How long the Hub looks for the end of a process whose link has closed, to
+// remove the shared memory it leaves: a process that lives on without its
+// link keeps its names.
+const unsigned SharedMemoryWatchMs = 10000;
 // Before another attempt to listen after the listener failed.
 const unsigned RelistenMs = 1000;
 // Packets for a link gather until the end of the turn, so that they leave in
@@ -77,7 +85,7 @@ Hub::Hub(const HubOptions& options)
     , moRouter(moMachine, moProcesses)
     , moCreator(options.programsDirectory, options.port)
     , mpManager(new HubManager(*this))
-    , mpSelect(new TCPSocketSelect)
+    , mpPoller(new LinkPoller)
 {}
 
 Hub::~Hub()
@@ -114,6 +122,8 @@ bool Hub::listen()
         return false;
     }
     mpListener = std::move(listener);
+    ++muiListenerGeneration;
+    muiListenerWatched = 0;
     BTRACE(TraceAlways) << "Hub" << moMachine.fullName() << "listening on" << address;
     return true;
 }
@@ -175,6 +185,7 @@ void Hub::deliverReady(const std::vector<Notifications::Post>& posts)
 
 void Hub::queue(HubLink& link, const boost::shared_ptr<IpcPacket>& packet)
 {
+    touch(link);
     link.enqueue(packet, now());
     if (link.queuedBytes() > moOptions.maximumQueueBytes)
         link.fail("send queue over its maximum: the process does not read");
@@ -191,17 +202,17 @@ void Hub::releaseHeld(HubLink& link)
 
 void Hub::writeQueued()
 {
-    for (auto& item : moLinks) {
-        HubLink& link = *item.second;
-        if (link.wantsWrite() && !link.blocked())
-            write(link);
-    }
+    for (unsigned serial : touched())
+        if (HubLink* link = this->link(serial))
+            if (link->wantsWrite() && !link->blocked())
+                write(*link);
 }
 
 void Hub::write(HubLink& link)
 {
     if (link.failed())
         return;
+    touch(link);
     if (link.flush(now()) == eIpcResultClosed)
         link.fail("write failed");
     else if (link.queuedBytes() > moOptions.maximumQueueBytes)
@@ -322,6 +333,7 @@ void Hub::accept()
         const unsigned serial = muiNextLink++;
         BTRACE(TraceNormal) << "Accepted link" << serial << "from" << socket->remoteAddress();
         moLinks[serial].reset(new HubLink(serial, socket, now()));
+        touch(*moLinks[serial]);
     }
 }
 
@@ -344,11 +356,17 @@ bool Hub::paused(HubLink& link)
 void Hub::serve(HubLink& link)
 {
     const unsigned long long time = now();
+    touch(link);
     for (unsigned i = 0; i < PacketsPerTurn && !link.failed() && !paused(link); ++i) {
         boost::shared_ptr<IpcPacket> packet;
         const IpcResult result = link.receive(packet, muiNextPacket++, time);
         if (result == eIpcResultAgain)
             return;
+        if (result == eIpcResultClosed && link.closing()) {
+            // It said it leaves, and has closed its end: the orderly end.
+            link.setLeft();
+            return;
+        }
         if (result != eIpcResultOk) {
             link.fail(failureText(result));
             return;
@@ -365,8 +383,10 @@ void Hub::processEnded(const ProcessPointer& process)
     if (!process->live())
         return;
     BTRACE(TraceNormal) << "Process" << process->processId << process->title << "has ended";
-    if (HubLink* own = link(process->linkSerial))
+    if (HubLink* own = link(process->linkSerial)) {
         own->fail("the process has ended");
+        touch(*own);
+    }
     moProcesses.remove(process->processId);
     std::vector<Notifications::Post> exits;
     std::vector<Notifications::Post> readies;
@@ -374,6 +394,8 @@ void Hub::processEnded(const ProcessPointer& process)
     deliverExit(exits);
     deliverReady(readies);
     mpManager->processEnded(*process);
+    // A process that died leaves its own shared memory behind.
+    moSharedMemory.watch(process->osPid, now() + SharedMemoryWatchMs);
 }
 
 void Hub::drop(HubLink& link)
@@ -420,19 +442,43 @@ void Hub::sweep()
 {
     // Dropping a link can fail others (a post that overflows a queue), so
     // repeat until a pass finds none.
+    const unsigned long long time = now();
     for (bool again = true; again;) {
         again = false;
-        for (auto it = moLinks.begin(); it != moLinks.end();) {
+        for (unsigned serial : touched()) {
+            const auto it = moLinks.find(serial);
+            if (it == moLinks.end())
+                continue;
             HubLink& link = *it->second;
-            if (link.failed() || (link.closing() && !link.wantsWrite())) {
+            // A leaving link that has been sent everything: the end of the
+            // stream tells the process so, and its own end, or the grace
+            // time, lets the Hub close it.
+            const bool gone =
+                link.closing() && !link.wantsWrite() && (link.left() || time - link.closingSince() >= LeaveGraceMs);
+            if (link.closing() && !link.failed() && !link.wantsWrite())
+                link.endSending();
+            if (link.failed() || gone) {
                 drop(link);
-                it = moLinks.erase(it);
+                moLinks.erase(it);
                 again = true;
-            } else {
-                ++it;
             }
         }
     }
+}
+
+void Hub::touch(const HubLink& link) { mvTouched.push_back(link.serial()); }
+
+void Hub::touchAll()
+{
+    for (const auto& item : moLinks)
+        touch(*item.second);
+}
+
+std::vector<unsigned> Hub::touched()
+{
+    std::sort(mvTouched.begin(), mvTouched.end());
+    mvTouched.erase(std::unique(mvTouched.begin(), mvTouched.end()), mvTouched.end());
+    return mvTouched;
 }
 
 // --- time -----------------------------------------------------------------------
@@ -460,6 +506,7 @@ void Hub::checkTimers()
     if (time < muiNextTimerCheck)
         return;
     muiNextTimerCheck = time + TimerCheckMs;
+    touchAll();
     for (auto& item : moLinks) {
         HubLink& link = *item.second;
         if (link.failed())
@@ -475,9 +522,10 @@ void Hub::checkTimers()
     }
     for (const ProcessCreator::Pending& pending : moCreator.expired(time))
         mpManager->creationDone(pending, HubMgrCreateProcessReply::StatusAttachFailed);
-    moCreator.reap();
+    moCreator.reap(time);
     if (time >= muiNextMonitorCheck) {
         checkMonitored();
+        moSharedMemory.check(time);
         muiNextMonitorCheck = time + MonitorCheckMs;
     }
     if (!mpListener && !mbShuttingDown && time >= muiRelistenAt) {
@@ -496,20 +544,23 @@ void Hub::beginShutdown()
     muiShutdownDeadline = now() + moOptions.shutdownTimeoutMs;
     BTRACE(TraceAlways) << "Shutdown: telling" << unsigned(moProcesses.live().size()) << "processes";
     mpListener.reset();
-    for (const ProcessCreator::Pending& pending : moCreator.takeAll())
+    for (const ProcessCreator::Pending& pending : moCreator.takeAll(now()))
         mpManager->creationDone(pending, HubMgrCreateProcessReply::StatusShutdown);
     for (const ProcessPointer& process : moProcesses.live())
         post(*process, HubConstants::RouterId, HubRtrShutdownPost::Message, XmlList());
     for (auto& item : moLinks)
         if (!item.second->processId())
             item.second->fail("shutdown");
+    touchAll();
 }
 
 int Hub::run()
 {
-    TCPSocketSelect& select = *mpSelect;
+    LinkPoller& poller = *mpPoller;
+    std::vector<LinkPoller::Ready> ready;
     std::vector<HubLink*> readable;
     std::vector<HubLink*> writable;
+    std::vector<HubLink*> backlogged;
     for (;;) {
         if (miStopRequests > 1) {
             BTRACE(TraceAlways) << "Stopped at once";
@@ -521,52 +572,64 @@ int Hub::run()
         if (mbShuttingDown && (moLinks.empty() || now() >= muiShutdownDeadline))
             break;
 
-        select.zero();
         if (mpListener)
-            select.set(*mpListener, TCPSocketSelect::Read);
-        for (auto& item : moLinks) {
-            HubLink& link = *item.second;
-            if (!paused(link))
-                select.set(*link.socket(), TCPSocketSelect::Read);
-            if (link.wantsWrite())
-                select.set(*link.socket(), TCPSocketSelect::Write);
+            poller.watch(mpListener->socket(), muiListenerWatched, true, false, ListenerTag | muiListenerGeneration);
+        // Only links touched since the last turn can want another watch; the
+        // others keep theirs. Paused links are looked at every turn, since
+        // what pauses them is another link's queue. Packets already read
+        // ahead from a socket are served at once: a wait cannot see them.
+        backlogged.clear();
+        const std::vector<unsigned> looking = touched();
+        mvTouched.clear();
+        for (unsigned serial : looking) {
+            HubLink* link = this->link(serial);
+            if (!link)
+                continue;
+            // A link whose process has closed its end is only written to
+            // until it is dropped.
+            const bool reading = !paused(*link) && !link->left();
+            const bool writing = link->wantsWrite();
+            if (!poller.watch(link->socket()->socket(), link->watched(), reading, writing, serial)) {
+                link->fail("its socket cannot be watched");
+                touch(*link);
+            } else if (paused(*link)) {
+                touch(*link);
+            } else if (reading && link->buffered() && !link->failed()) {
+                backlogged.push_back(link);
+            }
         }
+        const bool backlog = !backlogged.empty();
         const unsigned wait = mbShuttingDown || moCreator.waiting() ? BusyWaitMs : IdleWaitMs;
-        if (!select.count()) {
+        if (!mpListener && moLinks.empty()) {
             // Nothing to wait on (the listener is being set up again).
             Context::sleep(wait);
             checkTimers();
             continue;
         }
-        // Packets already read ahead from a socket are served at once.
-        bool backlog = false;
-        for (auto& item : moLinks)
-            backlog = backlog || (item.second->buffered() && !item.second->failed() && !paused(*item.second));
-        const TCPError result = select.wait(backlog ? 0 : wait);
         readable.clear();
         writable.clear();
         bool listenerReady = false;
-        if (result == eTCPErrorNone) {
-            for (auto& item : moLinks) {
-                HubLink& link = *item.second;
-                if (select.isSet(*link.socket(), TCPSocketSelect::Read))
-                    readable.push_back(&link);
-                if (select.isSet(*link.socket(), TCPSocketSelect::Write))
-                    writable.push_back(&link);
-            }
-            listenerReady = mpListener && select.isSet(*mpListener, TCPSocketSelect::Read);
-        } else if (result != eTCPErrorTimeout && result != eTCPErrorInterrupted) {
-            BTRACE(TraceAlways) << "Unexpected error waiting on select" << result;
-            select.display();
+        if (!poller.wait(backlog ? 0 : int(wait), ready)) {
+            BTRACE(TraceAlways) << "Unexpected error waiting for the links" << TraceErrorCode(errno);
             Context::sleep(BusyWaitMs);
+            ready.clear();
         }
-        if (backlog)
-            for (auto& item : moLinks) {
-                HubLink* link = item.second.get();
-                if (link->buffered() && !paused(*link) &&
-                    std::find(readable.begin(), readable.end(), link) == readable.end())
-                    readable.push_back(link);
+        for (const LinkPoller::Ready& event : ready) {
+            if (event.tag & ListenerTag) {
+                listenerReady = mpListener && event.tag == (ListenerTag | muiListenerGeneration);
+                continue;
             }
+            HubLink* link = this->link(unsigned(event.tag));
+            if (!link)
+                continue;
+            if (event.readable)
+                readable.push_back(link);
+            if (event.writable)
+                writable.push_back(link);
+        }
+        for (HubLink* link : backlogged)
+            if (std::find(readable.begin(), readable.end(), link) == readable.end())
+                readable.push_back(link);
         for (HubLink* link : writable)
             write(*link);
         for (HubLink* link : readable)
@@ -580,7 +643,11 @@ int Hub::run()
     BTRACE(TraceAlways) << "Hub stops with" << unsigned(moLinks.size()) << "links";
     for (auto& item : moLinks)
         item.second->fail("the Hub stops");
+    touchAll();
     sweep();
+    // Nothing the Hub started outlives it: a child that has not left by now
+    // is ended, with whatever it started.
+    moCreator.endAll(ProcessCreator::GraceMs);
     moProcesses.releaseTraceBuffers();
     return 0;
 }

@@ -6,6 +6,7 @@
 #include "processcreator.h"
 #include "processtable.h"
 #include "router.h"
+#include "sharedmemorysweep.h"
 
 #include "core/machinename.h"
 #include "core/xmllist.h"
@@ -17,6 +18,7 @@
 
 #include <map>
 #include <memory>
+#include <vector>
 
 namespace Brevi {
 
@@ -25,7 +27,7 @@ class HubManager;
 class IpcPacket;
 class MsgPacket;
 class TCPSocketListen;
-class TCPSocketSelect;
+class LinkPoller;
 
 // The Hub of one machine: one thread, one wait on all its sockets.
 //
@@ -102,7 +104,8 @@ public:
     void deliverReady(const std::vector<Notifications::Post>& posts);
     // The process has ended (its link closed, or a monitored process's
     // operating-system process ended): exit posts, failed ready posts, end
-    // of monitor rows; the process's trace buffer is kept.
+    // of monitor rows; the process's trace buffer is kept, and the shared
+    // memory the process itself made is removed once it is gone.
     void processEnded(const ProcessPointer& process);
     // Sends HubRtrShutdownPost to every process, stops listening, and ends
     // the loop once every link has gone or the shutdown time is up.
@@ -124,6 +127,11 @@ private:
     void checkTimers();
     void checkMonitored();
     void sweep();
+    // Marks a link for the next look: its state may have changed.
+    void touch(const HubLink& link);
+    void touchAll();
+    // The links touched since the list was last cleared, each once.
+    std::vector<unsigned> touched();
     void drop(HubLink& link);
     // The data packets a dropped link had not yet taken go back to their
     // senders as undeliverable, one post per sender.
@@ -137,11 +145,23 @@ private:
     Router moRouter;
     Notifications moNotifications;
     ProcessCreator moCreator;
+    // The names of processes that have ended, removed once they are gone.
+    SharedMemorySweep moSharedMemory;
     std::unique_ptr<HubManager> mpManager;
     std::unique_ptr<TCPSocketListen> mpListener;
-    // Made once: its sets are large, and each turn only refills them.
-    std::unique_ptr<TCPSocketSelect> mpSelect;
+    // The wait on the listener and every link.
+    std::unique_ptr<LinkPoller> mpPoller;
+    // Tells the listener's events from a link's (whose tag is its serial),
+    // and each listener from the one before it.
+    static const quint64 ListenerTag = 1ull << 63;
+    quint64 muiListenerGeneration = 0;
+    unsigned muiListenerWatched = 0;
     std::map<unsigned, std::unique_ptr<HubLink>> moLinks;
+    // Links that something happened to (read, written, queued to, failed,
+    // accepted) or that are paused: only they are swept, watched anew and
+    // written, so that a turn costs what happens rather than what is open.
+    // The timer check touches every link, so that nothing waits longer.
+    std::vector<unsigned> mvTouched;
     unsigned muiNextLink = 1;
     unsigned muiNextPacket = 1;
     unsigned long long muiShutdownDeadline = 0;

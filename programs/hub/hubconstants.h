@@ -38,7 +38,10 @@
 // does), each with Id (the Hub's registration number), ProcessId, OSPid,
 // ContextId, State (one of the state words below), Title, TraceId (the trace
 // buffer's SharedMemoryId as a nested list, absent without a buffer),
-// StartTime (milliseconds since 1970, uint64), Group and Name. Processes that
+// StartTime (milliseconds since 1970, uint64), Group and Name, and for a
+// process the Hub started on request ParentAddress, the address of the
+// process that asked (as in the attach reply), so that a tool can show and
+// follow a tree of processes. Processes that
 // have ended and whose trace buffers the Hub still keeps are listed with the
 // state "Exited", so that a tool can read their trace after death. A link
 // that asks for the list is also sent HubMgrMonitorProcessNewPost,
@@ -71,6 +74,8 @@ inline const QString StateExited = QStringLiteral("Exited");
 
 // The key of each process's nested list in the monitor reply.
 inline const QString MonitorEntry = QStringLiteral("Entry");
+// The starter's address in a monitor entry: the attach reply's key.
+inline const QString MonitorParentAddress = QStringLiteral("ParentAddress");
 
 } // namespace HubConstants
 } // namespace Brevi

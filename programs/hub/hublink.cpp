@@ -169,6 +169,15 @@ void HubLink::fail(const char* reason)
     }
 }
 
+void HubLink::endSending()
+{
+    // A process that has gone already makes this fail; its end shows in the
+    // next read either way.
+    if (!mbSendingEnded && mptSocket && mptSocket->isValid())
+        ::shutdown(mptSocket->socket(), SHUT_WR);
+    mbSendingEnded = true;
+}
+
 void HubLink::close()
 {
     if (mptSocket)

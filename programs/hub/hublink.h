@@ -68,6 +68,8 @@ public:
     // failed.
     IpcResult flush(unsigned long long now);
     bool wantsWrite() const { return !moQueue.empty(); }
+    // What the Hub's poller watches the socket for (LinkPoller::watch).
+    unsigned& watched() { return muiWatched; }
     // The last flush left bytes the socket would not take: writing again is
     // for when a wait finds it writable.
     bool blocked() const { return mbBlocked; }
@@ -93,10 +95,27 @@ public:
     // link keeps none.
     std::deque<boost::shared_ptr<IpcPacket>> takeUnsent();
 
-    // The link is leaving: nothing more is read or routed to it, and it is
-    // closed once its queue has gone.
-    void setClosing() { mbClosing = true; }
+    // The link is leaving (its process detaches, or its attach was
+    // refused): nothing more it sends is routed, nothing more is routed to
+    // it. Once its queue has gone the Hub ends its side of the stream
+    // (`endSending`), and it closes the link when the process has closed its
+    // end too (`left`), or when the process's time to do so is up, so that a
+    // process that drains its link as it leaves never meets a reset. `now`
+    // starts that time.
+    void setClosing(unsigned long long now)
+    {
+        if (!mbClosing)
+            muiClosingSince = now;
+        mbClosing = true;
+    }
     bool closing() const { return mbClosing; }
+    unsigned long long closingSince() const { return muiClosingSince; }
+    // The process has closed its end after leaving: the orderly end.
+    void setLeft() { mbLeft = true; }
+    bool left() const { return mbLeft; }
+    // Shuts the socket for sending: the process reads the end of the stream.
+    void endSending();
+    bool sendingEnded() const { return mbSendingEnded; }
 
     // Marks the link for removal; the owner sweeps it out and tells whoever
     // waits for its process.
@@ -146,7 +165,11 @@ private:
     const char* mpFailReason = nullptr;
     bool mbEnabled = false;
     bool mbClosing = false;
+    bool mbLeft = false;
+    bool mbSendingEnded = false;
+    unsigned long long muiClosingSince = 0;
     bool mbBlocked = false;
+    unsigned muiWatched = 0;
 };
 
 } // namespace Brevi

@@ -154,7 +154,7 @@ void HubManager::handle(HubLink& link, const MsgPacket& packet)
     }
     if (name == HubRtrConnectionDetachPost::Message) {
         BTRACE(TraceNormal) << "Process" << link.processId() << "detaches";
-        link.setClosing();
+        link.setClosing(moHub.now());
         return;
     }
     if (name == HubRtrRegisterNotifyOnExitPost::Message || name == HubRtrUnregisterNotifyOnExitPost::Message)
@@ -185,7 +185,7 @@ void HubManager::refuseAttach(HubLink& link, const MsgPacket& packet, const char
     XmlList body;
     body.set(HubMgrAttachReply::MachineName, moHub.machine().fullName());
     reply(link, packet, ManagerId, HubMgrAttachReply::Message, body);
-    link.setClosing();
+    link.setClosing(moHub.now());
 }
 
 void HubManager::attach(HubLink& link, const MsgPacket& packet, const XmlList& body)
@@ -336,6 +336,8 @@ XmlList HubManager::monitorEntry(const ProcessEntry& process) const
     entry.set(HubMgrMonitorReply::StartTime, process.startTime);
     entry.set(HubMgrMonitorReply::Group, process.group);
     entry.set(HubMgrMonitorReply::Name, process.name);
+    if (!process.parentAddress.isEmpty())
+        entry.set(HubConstants::MonitorParentAddress, process.parentAddress);
     return entry;
 }
 

@@ -82,6 +82,8 @@ bool HubOptions::parse(const QStringList& arguments, QString& error, QString& he
         "programs", "Directory of the programs HubMgrCreateProcessRequest may start (default: the Hub's own).", "dir");
     const QCommandLineOption foreground("foreground", "Stay in the foreground (the default).");
     const QCommandLineOption daemonOption("daemon", "Detach from the terminal once listening.");
+    const QCommandLineOption pidFileOption(
+        "pid-file", "Write the Hub's process id to this file once it listens; removed when it ends.", "file");
     const QCommandLineOption homeOption("home", "BREVI_HOME for the Hub and the processes it starts.", "dir");
     const QCommandLineOption attachTimeout(
         "attach-timeout", "Milliseconds a new link, or a started program, has to attach (default 30000).", "ms");
@@ -105,8 +107,9 @@ bool HubOptions::parse(const QStringList& arguments, QString& error, QString& he
     parser.addOption(helpOption);
     parser.addVersionOption();
     for (const QCommandLineOption* option :
-         {&port, &node, &machineIdOption, &traceBuffer, &programs, &foreground, &daemonOption, &homeOption,
-          &attachTimeout, &shutdownTimeout, &maxPacket, &maxQueue, &pauseQueue, &stallTimeout, &keepExitedOption})
+         {&port, &node, &machineIdOption, &traceBuffer, &programs, &foreground, &daemonOption, &pidFileOption,
+          &homeOption, &attachTimeout, &shutdownTimeout, &maxPacket, &maxQueue, &pauseQueue, &stallTimeout,
+          &keepExitedOption})
         parser.addOption(*option);
 
     if (!parser.parse(arguments)) {
@@ -202,6 +205,8 @@ bool HubOptions::parse(const QStringList& arguments, QString& error, QString& he
     daemon = parser.isSet(daemonOption);
     if (parser.isSet(homeOption))
         home = parser.value(homeOption);
+    if (parser.isSet(pidFileOption))
+        pidFile = parser.value(pidFileOption);
     if (parser.isSet(programs))
         programsDirectory = parser.value(programs);
     else if (QCoreApplication::instance())

@@ -27,6 +27,10 @@ struct HubOptions {
     // Run detached from the terminal; the starting process returns once the
     // Hub listens (status 0) or has failed (status 1).
     bool daemon = false;
+    // A file to hold the process id of the Hub that serves the port, written
+    // once it listens and removed when it ends; for a service manager that
+    // starts it with --daemon.
+    QString pidFile;
     // BREVI_HOME for the Hub and its children, if given.
     QString home;
     // How long a new link has to attach, and a created process to attach.

@@ -4,6 +4,7 @@
 
 #include "hub.h"
 #include "huboptions.h"
+#include "sharedmemorysweep.h"
 
 #include "core/context.h"
 #include "core/fixedpath.h"
@@ -12,6 +13,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QTextStream>
 
 #include <cerrno>
@@ -47,6 +49,21 @@ void report(char status)
 
 void onSignal(int) { Hub::requestStop(); }
 
+// The pid file names the process that serves the port: with --daemon that is
+// not the process its starter knows.
+bool writePidFile()
+{
+    QFile file(options.pidFile);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
+        file.write(QByteArray::number(qint64(::getpid())) + '\n') < 0 || !file.flush()) {
+        BTRACE(TraceAlways) << "Hub cannot write its pid file" << options.pidFile << file.errorString();
+        QTextStream(stderr) << "hub: cannot write the pid file " << options.pidFile << ": " << file.errorString()
+                            << '\n';
+        return false;
+    }
+    return true;
+}
+
 void installSignals()
 {
     struct sigaction action = {};
@@ -63,6 +80,10 @@ void installSignals()
 void hubMain(int& result, int, char** const)
 {
     SharedMemoryProvider::initialize(QString());
+    // What processes killed earlier left in shared memory, a Hub among them.
+    const unsigned swept = SharedMemorySweep().sweepDead();
+    if (swept)
+        BTRACE(TraceAlways) << "Removed" << swept << "shared memory names of processes that are gone";
     BTRACE(TraceAlways) << "Hub starting: machine" << options.machineName().fullName() << "port" << options.port
                         << "programs" << options.programsDirectory << "trace buffers" << options.traceBufferSize;
     Hub hub(options);
@@ -77,8 +98,15 @@ void hubMain(int& result, int, char** const)
         result = 1;
         return;
     }
+    if (!options.pidFile.isEmpty() && !writePidFile()) {
+        report('1');
+        result = 1;
+        return;
+    }
     report('0');
     result = hub.run();
+    if (!options.pidFile.isEmpty())
+        QFile::remove(options.pidFile);
 }
 
 // Detaches from the terminal. The starting process waits until the Hub
@@ -136,6 +164,8 @@ int main(int argc, char** argv)
         return 0;
     }
     options.programsDirectory = QDir(options.programsDirectory).absolutePath();
+    if (!options.pidFile.isEmpty())
+        options.pidFile = QDir().absoluteFilePath(options.pidFile);
     if (!options.home.isEmpty())
         ::setenv("BREVI_HOME", QDir(options.home).absolutePath().toLocal8Bit().constData(), 1);
     const QByteArray home = qgetenv("BREVI_HOME");

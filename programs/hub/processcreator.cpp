@@ -10,8 +10,12 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <chrono>
 
+#include <cerrno>
 #include <csignal>
+
+#include <poll.h>
 
 namespace Brevi {
 
@@ -45,6 +49,7 @@ QString ProcessCreator::start(const Request& request, unsigned long long deadlin
 
     Spawn spawn;
     spawn.setProgram(path);
+    spawn.setProcessGroup();
     spawn.addEnvironment(ContextTitleVariable, request.title);
     spawn.addEnvironment(ContextNameVariable, request.name);
     spawn.addEnvironment(ContextGroupVariable, request.name.isEmpty() ? QString() : request.group);
@@ -127,7 +132,7 @@ std::vector<ProcessCreator::Pending> ProcessCreator::expired(unsigned long long 
             // Its starter is told it failed: nobody wants it now.
             BTRACE(TraceAlways) << "Process" << it->osPid << "of" << it->request.program << "has not" << step
                                 << "in time, ending it";
-            ::kill(pid_t(it->osPid), SIGTERM);
+            end(it->osPid, now);
         } else {
             BTRACE(TraceAlways) << "Process" << it->osPid << "of" << it->request.program << "ended before it" << step;
         }
@@ -137,7 +142,7 @@ std::vector<ProcessCreator::Pending> ProcessCreator::expired(unsigned long long 
     return result;
 }
 
-std::vector<ProcessCreator::Pending> ProcessCreator::takeAll()
+std::vector<ProcessCreator::Pending> ProcessCreator::takeAll(unsigned long long now)
 {
     std::vector<Pending> result;
     result.swap(moPending);
@@ -145,9 +150,20 @@ std::vector<ProcessCreator::Pending> ProcessCreator::takeAll()
         if (running(pending.osPid)) {
             BTRACE(TraceNormal) << "Process" << pending.osPid << "of" << pending.request.program
                                 << "has not attached before shutdown, ending it";
-            ::kill(pid_t(pending.osPid), SIGTERM);
+            end(pending.osPid, now);
         }
     return result;
+}
+
+void ProcessCreator::end(unsigned osPid, unsigned long long now)
+{
+    for (Child& child : moChildren)
+        if (child.osPid == osPid && !child.killAt) {
+            // The child is not collected before its group is killed: until
+            // then its pid names the group and nothing else.
+            ::kill(-pid_t(osPid), SIGTERM);
+            child.killAt = now + GraceMs;
+        }
 }
 
 bool ProcessCreator::claims(const QString& name, const QString& group) const
@@ -165,10 +181,15 @@ void ProcessCreator::forget(unsigned requester)
                     moPending.end());
 }
 
-bool ProcessCreator::reap()
+bool ProcessCreator::reap(unsigned long long now)
 {
     for (auto it = moChildren.begin(); it != moChildren.end();) {
-        if (!it->handle || !it->handle->running()) {
+        if (it->killAt && now >= it->killAt) {
+            // Whatever of the group is still there ignored SIGTERM.
+            ::kill(-pid_t(it->osPid), SIGKILL);
+            it->killAt = 0;
+        }
+        if (!it->killAt && (!it->handle || !it->handle->running())) {
             int code = 0;
             int signal = 0;
             if (it->handle && it->handle->wait(&code, &signal))
@@ -179,6 +200,49 @@ bool ProcessCreator::reap()
         }
     }
     return !moChildren.empty();
+}
+
+void ProcessCreator::endAll(unsigned graceMs)
+{
+    if (moChildren.empty())
+        return;
+    BTRACE(TraceNormal) << "Ending the process groups of" << unsigned(moChildren.size()) << "children";
+    std::vector<pollfd> ends;
+    for (const Child& child : moChildren) {
+        if (!child.killAt)
+            ::kill(-pid_t(child.osPid), SIGTERM);
+        if (child.handle && child.handle->isValid())
+            ends.push_back(pollfd{child.handle->get(), POLLIN, 0});
+    }
+    // Each child's pidfd becomes readable when it ends; the wait ends with
+    // the last of them, or with the grace time.
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        int waiting = 0;
+        for (pollfd& end : ends)
+            if (end.fd >= 0) {
+                end.revents = 0;
+                ++waiting;
+            }
+        const auto spent =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+        if (waiting == 0 || spent >= graceMs)
+            break;
+        if (::poll(ends.data(), ends.size(), int(graceMs - spent)) < 0 && errno != EINTR)
+            break;
+        for (pollfd& end : ends)
+            if (end.revents)
+                end.fd = -1;
+    }
+    for (Child& child : moChildren) {
+        ::kill(-pid_t(child.osPid), SIGKILL);
+        child.killAt = 0;
+        int code = 0;
+        int signal = 0;
+        if (child.handle && child.handle->wait(&code, &signal))
+            BTRACE(TraceNormal) << "Child" << child.osPid << "ended, exit code" << code << "signal" << signal;
+    }
+    moChildren.clear();
 }
 
 } // namespace Brevi

@@ -29,9 +29,18 @@ namespace Brevi {
 // operating-system pid, and answers "Success" only once the child's
 // connection is enabled: until its trace buffer has come, a process takes any
 // other message for a broken start, so its starter must not be told to go
-// ahead before. A child that has not got that far in time is sent SIGTERM:
-// its starter has been told "Attach Failed" and nobody wants it. So is one
-// still starting when the Hub shuts down, whose starter is told "Shutdown".
+// ahead before.
+//
+// Each child leads a process group of its own, and whatever it starts
+// belongs to that group unless it moves elsewhere: ending a child ends the
+// group, so that a script's own children do not live on as orphans. The
+// group is sent SIGTERM, and SIGKILL once the grace time is up; the child is
+// collected only after that, so that its pid, which names the group, cannot
+// be given to another process meanwhile. A child that has not attached, or
+// enabled its connection, in time is ended so: its starter has been told
+// "Attach Failed" and nobody wants it. So is one still starting when the Hub
+// shuts down, whose starter is told "Shutdown", and, when the Hub stops, every
+// child of the Hub's that is still running.
 //
 // Threads: the Hub's one thread (Spawn changes the environment of the whole
 // process for a moment).
@@ -83,22 +92,34 @@ public:
     std::vector<Pending> expired(unsigned long long now);
     // Every request still waiting, taken out, and their children ended: the
     // Hub is shutting down, and each starter is told so.
-    std::vector<Pending> takeAll();
+    std::vector<Pending> takeAll(unsigned long long now);
     // Requests of a process that has gone are dropped: nobody to answer.
     void forget(unsigned requester);
     // A request waits for a child that is to bear this name and group.
     bool claims(const QString& name, const QString& group) const;
     bool waiting() const { return !moPending.empty(); }
 
-    // Collects the children that have ended. True while any is still held.
-    bool reap();
+    // Collects the children that have ended, and kills the groups whose
+    // grace time is up. True while any is still held.
+    bool reap(unsigned long long now);
+    // Ends the groups of all children still held: SIGTERM, and SIGKILL to
+    // every group once all have ended or `graceMs` is up; then collects
+    // them. What the Hub does last.
+    void endAll(unsigned graceMs);
+
+    // How long a group has between SIGTERM and SIGKILL.
+    static const unsigned GraceMs = 2000;
 
 private:
     struct Child {
         unsigned osPid;
         boost::shared_ptr<Handle> handle;
+        // When the group gets SIGKILL; 0 while it is not being ended.
+        unsigned long long killAt = 0;
     };
     bool running(unsigned osPid) const;
+    // SIGTERM to the child's group, SIGKILL after the grace time.
+    void end(unsigned osPid, unsigned long long now);
 
     QString msDirectory;
     unsigned muiPort;

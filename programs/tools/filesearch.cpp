@@ -191,6 +191,10 @@ bool search(QTextStream& out, QTextStream& err, LuceneComm& link, const LuceneCo
     return true;
 }
 
+// The server's jar where this library's data is, so that an installed tool
+// and one in the build tree both find theirs; Lucene's jars are the system's.
+QString defaultClasspath() { return FixedPath::data() + "/indexserver.jar:" LUCENE_CLASSPATH; }
+
 int run()
 {
     QTextStream out(stdout);
@@ -199,8 +203,7 @@ int run()
     QString configured;
     if (!gSettings.java.isEmpty() || !gSettings.classpath.isEmpty() || !config.get(configured, "JavaExecutable")) {
         if (!SpawnLucene::configure(ConfigFile, gSettings.java.isEmpty() ? QString(INDEXSERVER_JAVA) : gSettings.java,
-                                    gSettings.classpath.isEmpty() ? QString(INDEXSERVER_CLASSPATH)
-                                                                  : gSettings.classpath)) {
+                                    gSettings.classpath.isEmpty() ? defaultClasspath() : gSettings.classpath)) {
             err << Tool << ": cannot write " << FixedPath::config() << '/' << ConfigFile << '\n';
             return eExitFailed;
         }
@@ -257,7 +260,9 @@ int main(int argc, char** argv)
     const QCommandLineOption port = portOption();
     const QCommandLineOption index("index", "The index directory (default: db/filesearch under BREVI_HOME).", "dir");
     const QCommandLineOption java("java", "The Java executable to run the server with.", "path");
-    const QCommandLineOption classpath("classpath", "The server's class path.", "paths");
+    const QCommandLineOption classpath(
+        "classpath", "The server's class path (default: indexserver.jar from the library's data, and Lucene's jars).",
+        "paths");
     const QCommandLineOption larger("larger", "Only files of at least this size (k, m, g).", "size");
     const QCommandLineOption smaller("smaller", "Only files of at most this size.", "size");
     const QCommandLineOption newer("newer", "Only files changed within this many days.", "days");
@@ -266,9 +271,10 @@ int main(int argc, char** argv)
     const QCommandLineOption limit("limit", "At most this many results (default 20).", "n");
     parser.addOptions({port, index, java, classpath, larger, smaller, newer, older, sort, limit});
     parser.addPositionalArgument("command", "index or search");
-    parser.process(application);
-
     QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), Tool, err);
+    if (parsed >= 0)
+        return parsed;
     QStringList arguments = parser.positionalArguments();
     const QString command = arguments.isEmpty() ? QString() : arguments.takeFirst();
     bool limitOk = true;

@@ -18,6 +18,9 @@ using namespace Catalogue;
 // The Hub lists each process of its monitor reply as a nested list under
 // this key, as it does in its named process list.
 const QString EntryKey = QStringLiteral("Entry");
+// The Hub adds to each entry the address of the process that had it start
+// this one, under the key of the attach reply.
+const QString& ParentAddressKey = HubMgrAttachReply::ParentAddress;
 // The state word of a process that has ended and whose trace is kept.
 const QString ExitedState = QStringLiteral("Exited");
 
@@ -39,6 +42,29 @@ QString MonitorEntry::nameAndGroup() const
     if (name.isEmpty())
         return QString();
     return group.isEmpty() ? name : name + '/' + group;
+}
+
+QString MonitorEntry::label() const
+{
+    const QString named = nameAndGroup();
+    return named.isEmpty() ? QStringLiteral("%1 (process %2)").arg(title).arg(processId) : named;
+}
+
+MsgAddress MonitorEntry::address() const
+{
+    return name.isEmpty() ? MsgAddress(Context::machineName(), processId)
+                          : MsgAddress(Context::machineName(), name, group);
+}
+
+bool MonitorEntry::startedBy(const MonitorEntry& candidate) const
+{
+    if (parentAddress.isEmpty())
+        return false;
+    // The Hub keeps the address its starter sent from: by name or by number.
+    const MsgAddress parent(parentAddress);
+    return parent.id()
+               ? parent.id() == candidate.processId
+               : !candidate.name.isEmpty() && parent.name() == candidate.name && parent.group() == candidate.group;
 }
 
 SharedMemoryUser MonitorEntry::traceBuffer(QString& error) const
@@ -74,6 +100,8 @@ MonitorEntry MonitorEntry::fromXml(const XmlList& entry)
     entry.get(result.startTime, HubMgrMonitorReply::StartTime);
     if (!entry.first(HubMgrMonitorReply::TraceId).isNull())
         result.traceId = SharedMemoryId(entry, HubMgrMonitorReply::TraceId);
+    if (!entry.first(ParentAddressKey).isNull())
+        entry.get(result.parentAddress, ParentAddressKey);
     return result;
 }
 
@@ -93,15 +121,37 @@ bool HubQuery::refresh(int seconds)
         return fail(reply.lastError() == eMsgResultTimeout ? QStringLiteral("the Hub did not answer")
                                                            : QStringLiteral("the link to the Hub failed"));
 
-    const unsigned self = Context::address().id();
+    // Its own entry, known by its pid: the address's number would not tell
+    // a process attached by name.
+    const unsigned self = Context::OSPid();
     const XmlList& body = reply.body();
     for (XmlListIterator item = body.first(EntryKey); !item.isNull(); item.next(EntryKey)) {
         const MonitorEntry entry = MonitorEntry::fromXml(item.getXmlList());
-        if (entry.live() && entry.processId == self)
+        if (entry.live() && entry.osPid == self)
             continue;
         moEntries.append(entry);
     }
     return true;
+}
+
+QList<MonitorEntry> HubQuery::descendants(const MonitorEntry& root) const
+{
+    QList<MonitorEntry> found;
+    QList<MonitorEntry> parents{root};
+    while (!parents.isEmpty()) {
+        const MonitorEntry parent = parents.takeFirst();
+        for (const MonitorEntry& entry : moEntries)
+            if (entry.live() && entry.startedBy(parent) && entry.id != root.id) {
+                bool seen = false;
+                for (const MonitorEntry& known : found)
+                    seen = seen || known.id == entry.id;
+                if (!seen) {
+                    found.append(entry);
+                    parents.append(entry);
+                }
+            }
+    }
+    return found;
 }
 
 const MonitorEntry* HubQuery::select(const QString& selector, QString& error) const

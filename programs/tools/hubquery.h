@@ -4,13 +4,13 @@
 #include "core/sharedmemoryid.h"
 #include "core/sharedmemoryuser.h"
 #include "core/trace.h"
+#include "core/xmllist.h"
+#include "messaging/msgaddress.h"
 
 #include <QList>
 #include <QString>
 
 namespace Brevi {
-
-class XmlList;
 
 // One process as the Hub's monitor reply lists it: live, or ended with its
 // trace buffer still kept ("Exited").
@@ -28,10 +28,20 @@ struct MonitorEntry {
     SharedMemoryId traceId;
     // Milliseconds since 1970.
     unsigned long long startTime = 0;
+    // The process that had the Hub start this one, in MsgAddress's XmlList
+    // form; empty for a process started otherwise.
+    XmlList parentAddress;
 
     bool live() const;
     // "name" or "name/group"; empty for a process without a name.
     QString nameAndGroup() const;
+    // How a person calls it: name/group, else the title with the ProcessId.
+    QString label() const;
+    // Where messages reach it, and where its own come from: by name for a
+    // named process (its messages carry that address), else by number.
+    MsgAddress address() const;
+    // Whether `candidate` is the address in `parentAddress`.
+    bool startedBy(const MonitorEntry& candidate) const;
     // Maps the process's trace buffer into this process, to read its records
     // or set its levels; a null user, with `error`, when it has none, when
     // the Hub has let it go, or when it is too small to be one.
@@ -57,6 +67,10 @@ public:
     // Asks for the process list, waiting up to `seconds` for the answer.
     bool refresh(int seconds = 10);
     const QList<MonitorEntry>& entries() const { return moEntries; }
+
+    // The live processes the Hub started, directly or not, for `root`, in
+    // the order of the list.
+    QList<MonitorEntry> descendants(const MonitorEntry& root) const;
 
     // The process `selector` names, among those of the last refresh: a
     // number is a ProcessId, "pid:<n>" an operating-system pid, "#<n>" the

@@ -35,7 +35,7 @@ void print(QTextStream& out, const QList<MonitorEntry>& entries)
 
     out << qSetFieldWidth(5) << "Id" << qSetFieldWidth(0) << ' ' << qSetFieldWidth(8) << "Process" << qSetFieldWidth(0)
         << ' ' << qSetFieldWidth(8) << "OS pid" << qSetFieldWidth(0) << "  " << Qt::left << qSetFieldWidth(9) << "State"
-        << qSetFieldWidth(20) << "Started" << qSetFieldWidth(24) << "Name/Group" << qSetFieldWidth(0) << "Title"
+        << qSetFieldWidth(20) << "Started" << qSetFieldWidth(24) << "Name/Group" << qSetFieldWidth(0) << ' ' << "Title"
         << Qt::right << '\n';
     for (const MonitorEntry& entry : entries) {
         if (gLiveOnly && !entry.live())
@@ -44,7 +44,7 @@ void print(QTextStream& out, const QList<MonitorEntry>& entries)
         out << qSetFieldWidth(5) << entry.id << qSetFieldWidth(0) << ' ' << qSetFieldWidth(8) << entry.processId
             << qSetFieldWidth(0) << ' ' << qSetFieldWidth(8) << entry.osPid << qSetFieldWidth(0) << "  " << Qt::left
             << qSetFieldWidth(9) << entry.state << qSetFieldWidth(20) << started(entry.startTime) << qSetFieldWidth(24)
-            << name << qSetFieldWidth(0) << entry.title << Qt::right << '\n';
+            << name << qSetFieldWidth(0) << ' ' << entry.title << Qt::right << '\n';
     }
 }
 
@@ -80,9 +80,11 @@ int main(int argc, char** argv)
     const QCommandLineOption live("live", "Only the processes that are still running.");
     parser.addOption(port);
     parser.addOption(live);
-    parser.process(application);
-
     QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), "hubstatus", err);
+    if (parsed >= 0)
+        return parsed;
+
     if (!parser.positionalArguments().isEmpty()) {
         err << "hubstatus: takes no arguments (see --help)\n";
         return eExitUsage;

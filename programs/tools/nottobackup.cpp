@@ -274,7 +274,7 @@ int main(int argc, char** argv)
         "The rules are this machine's: those installed with the library and db/config/nottobackup.cfg\n"
         "under $BREVI_HOME.\n"
         "Exit status: 0 done, 1 the rules or the tree could not be read, 2 bad usage.");
-    const QCommandLineOption help = parser.addHelpOption();
+    parser.addHelpOption();
     parser.addPositionalArgument("paths", "Paths to classify.", "[PATH...]");
     const QCommandLineOption details("details", "Print the rules gathered, as the list that travels, and stop.");
     const QCommandLineOption rules("rules",
@@ -293,12 +293,9 @@ int main(int argc, char** argv)
 
     QTextStream out(stdout);
     QTextStream err(stderr);
-    if (!parser.parse(QCoreApplication::arguments())) {
-        err << "nottobackup: " << parser.errorText() << " (see --help)\n";
-        return eExitUsage;
-    }
-    if (parser.isSet(help))
-        parser.showHelp(eExitOk);
+    const int parsed = parseCommandLine(parser, QCoreApplication::arguments(), "nottobackup", err);
+    if (parsed >= 0)
+        return parsed;
     const QStringList paths = parser.positionalArguments();
     if (parser.isSet(walk) && (!paths.isEmpty() || parser.isSet(details))) {
         err << "nottobackup: --walk takes no paths and no --details (see --help)\n";

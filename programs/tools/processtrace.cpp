@@ -133,9 +133,11 @@ int main(int argc, char** argv)
     parser.addOption(module);
     parser.addOption(last);
     parser.addOption(follow);
-    parser.process(application);
-
     QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), "processtrace", err);
+    if (parsed >= 0)
+        return parsed;
+
     const QStringList arguments = parser.positionalArguments();
     if (arguments.size() != 1) {
         err << "processtrace: give one PROCESS (see --help)\n";

@@ -74,6 +74,22 @@ QString moduleName(unsigned module)
     return name.isEmpty() || module == 0 ? QString::number(module) : name;
 }
 
+int parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& tool, QTextStream& err)
+{
+    if (!parser.parse(arguments)) {
+        QString text = parser.errorText();
+        if (text.endsWith('.'))
+            text.chop(1);
+        err << tool << ": " << text << " (see --help)\n";
+        return eExitUsage;
+    }
+    if (parser.isSet(QStringLiteral("help")) || parser.isSet(QStringLiteral("help-all"))) {
+        QTextStream(stdout) << parser.helpText();
+        return eExitOk;
+    }
+    return -1;
+}
+
 QCommandLineOption portOption()
 {
     return QCommandLineOption(
@@ -115,7 +131,8 @@ int runAttached(const QString& tool, const std::function<int()>& body, QTextStre
     current = &body;
     // One attempt: a person at the terminal wants to hear at once that
     // there is no Hub, not after the two minutes a starting process waits.
-    const bool ran = Context::run([] { status = (*current)(); }, Context::TypeAttached, Context::FlagAttachOnce, tool);
+    const bool ran = Context::run([] { status = (*current)(); }, Context::TypeAttached,
+                                  Context::FlagAttachOnce | Context::FlagNoTraceBuffer, tool);
     current = nullptr;
     if (!ran) {
         err << tool << ": cannot reach the Hub on port " << hubPort() << " (is it running?)\n";

@@ -4,6 +4,7 @@
 #include "core/trace.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 
@@ -35,6 +36,13 @@ bool parseModule(const QString& text, unsigned& module);
 // The module's built-in name, or its number.
 QString moduleName(unsigned module);
 
+// Reads the command line as `parser` describes it (with its help option):
+// -1 when the tool is to go on; otherwise the status to end with at once:
+// eExitOk once --help has been printed on standard output, eExitUsage once an
+// unknown option or a missing value has been told to `err`. (The parser's
+// own process() would end the program itself, with status 1.)
+int parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& tool, QTextStream& err);
+
 // The --port option: which Hub to ask. Without it the tool asks the one
 // BREVI_HUB_PORT names, else the one on 30303.
 QCommandLineOption portOption();
@@ -48,7 +56,9 @@ QString hubPort();
 // Runs `body` inside a context attached to the Hub (one attempt, no
 // waiting for a Hub that is still starting) and returns its status. When the
 // tool cannot attach, tells `err` why (no BREVI_HOME, no Hub on the port)
-// and returns eExitFailed without running `body`.
+// and returns eExitFailed without running `body`. A tool takes no trace
+// buffer from the Hub: its runs, however many, never push out the kept trace
+// of a process that has ended.
 int runAttached(const QString& tool, const std::function<int()>& body, QTextStream& err);
 
 // Whether a record passes the tools' --max-level and --module choices

@@ -12,6 +12,7 @@
 #include <cstdio>
 
 using namespace Brevi;
+using Brevi::ToolCommon::parseCommandLine;
 
 int main(int argc, char** argv)
 {
@@ -28,9 +29,11 @@ int main(int argc, char** argv)
     QCommandLineOption module("module", "Only records of this module (name or number).", "module");
     parser.addOption(maxLevel);
     parser.addOption(module);
-    parser.process(application);
-
     QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), "tracedump", err);
+    if (parsed >= 0)
+        return parsed;
+
     const QStringList files = parser.positionalArguments();
     if (files.isEmpty()) {
         err << "tracedump: no file given (see --help)\n";

@@ -158,9 +158,11 @@ int main(int argc, char** argv)
     parser.addOption(port);
     parser.addOption(module);
     parser.addOption(showOption);
-    parser.process(application);
-
     QTextStream err(stderr);
+    const int parsed = parseCommandLine(parser, application.arguments(), "tracelevel", err);
+    if (parsed >= 0)
+        return parsed;
+
     const QStringList arguments = parser.positionalArguments();
     gRequest.show = parser.isSet(showOption);
     if (gRequest.show) {

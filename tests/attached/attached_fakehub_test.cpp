@@ -11,6 +11,8 @@
 #include "messaging/msgaddress.h"
 #include "messaging/msgcatalogue.h"
 #include "messaging/msgpacket.h"
+#include "messaging/msgpending.h"
+#include "sockets/tcpsocketselect.h"
 
 #include <QRegularExpression>
 
@@ -290,7 +292,21 @@ TEST_F(AttachedFakeHub, OnceEnabledAnAttachedContextTakesLargeMessages)
         [&] {
             ASSERT_TRUE(moHub.accept());
             ASSERT_TRUE(moHub.attach(ProcessId));
-            ASSERT_TRUE(moHub.serveStart());
+            ASSERT_TRUE(moHub.wait(HubMgrTraceBufferRequest::Message));
+            ASSERT_TRUE(moHub.send(FakeHub::manager(), FakeHub::process(ProcessId), HubMgrTraceBufferReply::Message));
+            ASSERT_TRUE(moHub.wait(HubMgrConnectionEnableRequest::Message));
+            // The leave to talk and a first message in one write, which the
+            // process reads in one go.
+            const auto bytes = [](const QByteArray& source, const QString& name) {
+                const MsgPacket packet(BinaryAddress(Extent(FakeHub::process(ProcessId))),
+                                       BinaryAddress(Extent(source)), QByteArray(), name, QString(), XmlList(), 1,
+                                       false);
+                return QByteArray(reinterpret_cast<const char*>(packet.buffer().data()), int(packet.size()));
+            };
+            ASSERT_TRUE(moHub.link().sendRaw(bytes(FakeHub::router(), HubRtrConnectionEnableReply::Message) +
+                                             bytes(FakeHub::process(40), "EarlyPost")));
+            // Nothing more comes until the process has found that message.
+            ASSERT_TRUE(moHub.wait("FoundPost", 15000));
             XmlList body;
             body.set("Blob", QString(300000, QChar('y')));
             moHub.send(FakeHub::process(40), FakeHub::process(ProcessId), "LargePost", body, "big");
@@ -300,6 +316,15 @@ TEST_F(AttachedFakeHub, OnceEnabledAnAttachedContextTakesLargeMessages)
         [&] {
             ASSERT_EQ(Context::type(), Context::TypeAttached);
             EXPECT_EQ(Context::machineName().fullName(), FakeHub::machine());
+            // A loop that polls the link finds the message that came behind
+            // the reply, though its bytes left the socket with the reply's.
+            MsgPending pending;
+            TCPSocketSelect select;
+            ASSERT_TRUE(pending.select(select));
+            EXPECT_EQ(select.wait(5000), eTCPErrorNone);
+            EXPECT_TRUE(pending.pending(select));
+            EXPECT_TRUE(waitFor("EarlyPost"));
+            EXPECT_TRUE(Msg(from(40), "FoundPost").send());
             const Msg large = waitFor("LargePost");
             ASSERT_TRUE(large);
             EXPECT_EQ(large.getString("Blob").size(), 300000);

@@ -138,6 +138,14 @@ TEST_F(ConfigTest, SecondWriterFailsOnTheChangedVersion)
     ASSERT_TRUE(second.save());
     EXPECT_EQ(versionOf(file("shared.cfg")).value(0), "5");
     EXPECT_EQ(Config(file("shared.cfg")).first("A").getUint32(), 20u);
+
+    // The largest number goes round to 1 rather than past the integer.
+    write(file("shared.cfg"), QByteArray(VersionThree).replace("\"3\"", "\"2147483647\""));
+    Config last(file("shared.cfg"));
+    ASSERT_EQ(last.version(), 2147483647);
+    EXPECT_TRUE(traces([&] { EXPECT_TRUE(last.save()); }, TraceAlways, "is at its largest, start again at 1"));
+    EXPECT_EQ(versionOf(file("shared.cfg")).value(0), "1");
+    EXPECT_EQ(Config(file("shared.cfg")).version(), 1);
 }
 
 TEST_F(ConfigTest, FileIsPlainXmlIndentedByFour)

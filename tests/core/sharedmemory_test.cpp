@@ -152,6 +152,11 @@ TEST(SharedMemory, AnExistingNameIsRefused)
     EXPECT_FALSE(clash) << "another owner's name is never taken over";
     EXPECT_TRUE(ringTexts(trace).contains("Mapping of  '" + next + "' already exists"));
     shm_unlink(object.constData());
+
+    SharedMemoryProvider empty;
+    EXPECT_FALSE(empty.allocate(0)) << "no mapping is made of nothing";
+    EXPECT_FALSE(empty);
+    EXPECT_FALSE(empty.id());
 }
 
 TEST(SharedMemory, LockingIsAskedForAndCounted)

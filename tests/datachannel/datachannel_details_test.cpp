@@ -118,9 +118,9 @@ TEST_F(Details, ThatDoNotHoldTogetherBuildNoChannelAndSayWhy)
                     change == "list" ? details.set(c[0], XmlList()) : details.set(c[0], change);
                 EXPECT_TRUE(traces([&] { EXPECT_FALSE(Datachannel(never(), details).isValid()); }, TraceAlways, c[2]));
             }
-            // Best from another process is IPC while there is no memory
-            // transport; its receive details connect the sender, and nothing
-            // else does.
+            // Best from another process whose details have no ring in them
+            // falls back to IPC; its receive details connect the sender, and
+            // nothing else does.
             XmlList best = fromPeer(stranger);
             best.set(DatachannelKey::Transport, "Best");
             const Datachannel receiver(never(), best);

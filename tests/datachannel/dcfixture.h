@@ -60,6 +60,31 @@ protected:
         return Brevi::MsgAddress(Brevi::Context::machineName(), name, QString());
     }
 
+    // `total` bytes of the test stream from a helper process that sends them
+    // as `mode` says (datachannel_peer), received here by a transport with no
+    // end marker: whole, in order, hashed alike at both ends. The channel
+    // goes to `also` for the caller's own checks. Call inside runAttached,
+    // as "tester".
+    static void streamFromPeer(const QString& mode, unsigned long long total,
+                               const std::function<void(Brevi::Datachannel&)>& also)
+    {
+        Catch done(Done);
+        HubTest::ChildProcess sender(HubTest::childProgram(),
+                                     {"send", "dcsender", "tester", QString::number(total), mode});
+        Brevi::Datachannel channel = accept(nullptr, 60);
+        ASSERT_TRUE(channel.isValid());
+        const Counted counted = receiveStream(channel, {}, total);
+        const Brevi::Msg report = done.wait(60);
+        EXPECT_EQ(counted.result, Brevi::Datachannel::eOk);
+        EXPECT_EQ(counted.hash, streamHash(total));
+        EXPECT_EQ(report.getString("Hash").toLatin1(), counted.hash);
+        EXPECT_EQ(report.getString("Result"), "eOk");
+        int status = -1;
+        EXPECT_TRUE(sender.waitExit(30000, &status));
+        EXPECT_EQ(status, 0);
+        also(channel);
+    }
+
     static double secondsSince(std::chrono::steady_clock::time_point start)
     {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

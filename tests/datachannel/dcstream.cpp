@@ -4,6 +4,7 @@
 #include "core/extent.h"
 #include "core/sha1.h"
 #include "messaging/msg.h"
+#include "messaging/msgcatalogue.h"
 
 #include <QtGlobal>
 
@@ -120,17 +121,23 @@ Counted sendStream(Datachannel& channel, unsigned long long total)
     return counted;
 }
 
-Counted receiveStream(Datachannel& channel, const std::function<bool(unsigned long long)>& stopAt)
+Counted receiveStream(Datachannel& channel, const std::function<bool(unsigned long long)>& stopAt,
+                      unsigned long long total)
 {
     Counted counted;
     Sha1 sha;
     std::vector<unsigned char> space(ReceiveSpace);
-    for (unsigned step = 0; counted.result == Datachannel::eOk && !(stopAt && stopAt(counted.bytes)); ++step) {
+    for (unsigned step = 0;
+         counted.result == Datachannel::eOk && !(stopAt && stopAt(counted.bytes)) && !(total && counted.bytes == total);
+         ++step) {
         Extent buffer;
         unsigned held = 0;
         channel.available(held);
         if (step % 2 == 0) {
-            Extent into(space.data(), ReceivePieces[step % (sizeof ReceivePieces / sizeof *ReceivePieces)]);
+            unsigned piece = ReceivePieces[step % (sizeof ReceivePieces / sizeof *ReceivePieces)];
+            if (total)
+                piece = unsigned(std::min<unsigned long long>(piece, total - counted.bytes));
+            Extent into(space.data(), piece);
             counted.result = channel.receivePolled(into);
             buffer = Extent(space.data(), into.offset());
         } else {
@@ -158,19 +165,26 @@ Counted receiveStream(Datachannel& channel, const std::function<bool(unsigned lo
 Datachannel offer(const MsgAddress& receiver, const XmlList& details, const boost::shared_ptr<MsgCondition>& condition,
                   int seconds)
 {
-    Datachannel channel(condition, details);
+    // Best leaves the transport to the receiver: the channel is made from its
+    // answer. Otherwise it is made first, and connected with the answer.
+    QString transport;
+    details.get(transport, Catalogue::DatachannelKey::Transport);
+    const bool best = transport == Datachannel::transportText(Datachannel::Best);
+    Datachannel channel = best ? Datachannel() : Datachannel(condition, details);
     XmlList body;
     body.set("Details", details);
     // Again each second, for a receiver that is still starting: it takes
     // the first offer that reaches it.
     Msg answer;
-    for (int tries = 0; channel && !answer && tries < seconds; ++tries)
+    for (int tries = 0; (best || channel) && !answer && tries < seconds; ++tries)
         if (Msg(receiver, Offer, body).send(true))
             answer = Msg::wait(Accept, receiver, 1);
     XmlList receiveDetails;
-    if (!answer || !answer.body().get(receiveDetails, "Details") || channel.connect(receiveDetails) != Datachannel::eOk)
+    if (!answer || !answer.body().get(receiveDetails, "Details"))
         return Datachannel();
-    return channel;
+    if (best)
+        return Datachannel(condition, receiveDetails);
+    return channel.connect(receiveDetails) == Datachannel::eOk ? channel : Datachannel();
 }
 
 Datachannel accept(MsgAddress* source, int seconds)

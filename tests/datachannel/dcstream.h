@@ -27,6 +27,8 @@ namespace DcTest {
 const char* const Offer = "DcOfferPost";
 const char* const Accept = "DcAcceptPost";
 const char* const Done = "DcDonePost";
+// A receiver that has taken a record asks for the next.
+const char* const Next = "DcNextPost";
 
 // Keeps the first message of `name` that comes while it lives, whoever
 // handles messages meanwhile (a polled channel operation drops what no
@@ -56,12 +58,13 @@ struct Counted {
 // sizes, by each of the ways a sender fills buffers, then flushes and closes
 // the channel.
 Counted sendStream(Brevi::Datachannel& channel, unsigned long long total);
-// Reads by each of the ways a receiver can until the channel ends; `stopAt`
-// (when non-zero) is called with the bytes so far, and a true answer stops
-// the reading.
-Counted
-receiveStream(Brevi::Datachannel& channel,
-              const std::function<bool(unsigned long long)>& stopAt = std::function<bool(unsigned long long)>());
+// Reads by each of the ways a receiver can until the channel ends, or until
+// `total` bytes came when it is not 0 (for transports with no end marker);
+// `stopAt` (when non-zero) is called with the bytes so far, and a true answer
+// stops the reading.
+Counted receiveStream(Brevi::Datachannel& channel,
+                      const std::function<bool(unsigned long long)>& stopAt = std::function<bool(unsigned long long)>(),
+                      unsigned long long total = 0);
 // The hash of the first `total` bytes of the stream, as the two ends take it.
 QByteArray streamHash(unsigned long long total);
 QByteArray digest(Brevi::Sha1& sha);

@@ -10,9 +10,13 @@
 //   silent     connects and never attaches
 //   monitored  attaches as a monitored process, drops its link as such a
 //              process does, and runs on until killed
+//   sharedmemory  attaches, makes two shared-memory names of its own and
+//              runs on until killed (which leaves the names behind)
 // Each mode ends by itself after a minute at the latest.
 
 #include "hubclient.h"
+
+#include "core/sharedmemoryprovider.h"
 
 #include "messaging/binaryaddress.h"
 #include "messaging/msgaddress.h"
@@ -103,6 +107,14 @@ int main(int argc, char** argv)
     }
     if (mode == "monitored")
         return monitoredMode(client);
+    if (mode == "sharedmemory") {
+        if (!client.start("shared memory child"))
+            return 4;
+        SharedMemoryProvider::initialize(QString());
+        const SharedMemoryProvider first(4096), second(4096);
+        QThread::msleep(Lifetime);
+        return first && second ? 0 : 7;
+    }
     if (mode == "noenable") {
         client.attach(variable("BREVI_CONTEXT_TITLE"));
         client.traceBuffer();

@@ -159,41 +159,63 @@ TEST_F(HubCreate, ANameIsTakenFromTheStartOfItsChild)
     EXPECT_EQ(status(create(*parent, "childattach", 9, "kid", "g")), "Success");
 }
 
-TEST_F(HubCreate, ShutdownAnswersAStartInProgressAndEndsItsChild)
+// A started program that never attaches, and the pid of the process it
+// starts in the background and waits for, read once it is written.
+pid_t startSleeper(HubClient& parent, const QString& directory, unsigned instance)
 {
-    TearDown();
-    startHub({"--programs", moPrograms.path(), "--attach-timeout", "30000"});
-    // A program that never attaches and tells where it runs.
-    const QString pidFile = moPrograms.filePath("sleeper.pid");
-    QFile script(moPrograms.filePath("sleeper"));
-    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
-    script.write("#!/bin/sh\necho $$ > " + pidFile.toLocal8Bit() + ".new\nmv " + pidFile.toLocal8Bit() + ".new " +
-                 pidFile.toLocal8Bit() + "\nexec sleep 60\n");
-    script.close();
-    ASSERT_TRUE(script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-
-    std::unique_ptr<HubClient> parent = started("parent");
-    ASSERT_TRUE(ask(*parent, "sleeper", 11));
+    const QString pidFile = directory + "/sleeper.pid";
+    QFile::remove(pidFile);
+    if (!QFile::exists(directory + "/sleeper")) {
+        QFile script(directory + "/sleeper");
+        script.open(QIODevice::WriteOnly);
+        script.write("#!/bin/sh\nsleep 60 &\necho $! > " + pidFile.toLocal8Bit() + ".new\nmv " + pidFile.toLocal8Bit() +
+                     ".new " + pidFile.toLocal8Bit() + "\nwait\n");
+        script.close();
+        script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+    XmlList body;
+    body.set(HubMgrCreateProcessRequest::Program, QStringLiteral("sleeper"));
+    body.set(HubMgrCreateProcessRequest::Instance, instance);
+    parent.send(parent.manager(), HubMgrCreateProcessRequest::Message, body);
     QFile written(pidFile);
     for (const unsigned long long end = steadyMs() + 5000; !written.exists() && steadyMs() < end;)
         QThread::msleep(10);
-    ASSERT_TRUE(written.open(QIODevice::ReadOnly));
-    const QString stat = "/proc/" + QString::fromLatin1(written.readAll().trimmed()) + "/stat";
-    // Alive, and not a zombie: the state is the word after the name.
-    auto alive = [&stat] {
-        QFile file(stat);
-        return file.open(QIODevice::ReadOnly) && !file.readAll().contains(") Z ");
-    };
-    ASSERT_TRUE(alive());
+    return written.open(QIODevice::ReadOnly) ? pid_t(written.readAll().trimmed().toInt()) : 0;
+}
 
+// Whether the process ends (or is a zombie: it has ended) within five seconds.
+bool ends(pid_t pid)
+{
+    const QString stat = "/proc/" + QString::number(pid) + "/stat";
+    for (const unsigned long long end = steadyMs() + 5000; steadyMs() < end; QThread::msleep(10)) {
+        QFile file(stat);
+        if (!file.open(QIODevice::ReadOnly) || file.readAll().contains(") Z "))
+            return true;
+    }
+    return false;
+}
+
+TEST_F(HubCreate, AChildEndedForTimeOrShutdownTakesWhatItStartedAlong)
+{
+    // Not attached in time: the child is ended, and with it the process it
+    // started, which would otherwise live on as an orphan.
+    std::unique_ptr<HubClient> parent = started("parent");
+    pid_t orphan = startSleeper(*parent, moPrograms.path(), 10);
+    ASSERT_GT(orphan, 0);
+    EXPECT_EQ(status(answer(*parent, 10)), "Attach Failed");
+    EXPECT_TRUE(ends(orphan));
+
+    // Still starting when the Hub shuts down.
+    parent->close();
+    TearDown();
+    startHub({"--programs", moPrograms.path(), "--attach-timeout", "30000"});
+    parent = started("parent");
+    orphan = startSleeper(*parent, moPrograms.path(), 11);
+    ASSERT_GT(orphan, 0);
     ASSERT_TRUE(parent->send("3/1", HubMgrShutdownPost::Message));
     EXPECT_EQ(status(answer(*parent, 11)), "Shutdown");
     EXPECT_TRUE(parent->wait(HubRtrShutdownPost::Message, 5000));
     parent->close();
     ASSERT_TRUE(mpHub->process().waitExit(10000));
-    // Nobody wants the child now: it does not live on to its own end.
-    bool ended = false;
-    for (const unsigned long long end = steadyMs() + 5000; !ended && steadyMs() < end; QThread::msleep(10))
-        ended = !alive();
-    EXPECT_TRUE(ended);
+    EXPECT_TRUE(ends(orphan));
 }

@@ -7,7 +7,12 @@
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
 
+#include <QFile>
+
+#include <csignal>
+
 #include <sys/wait.h>
+#include <unistd.h>
 
 using namespace Brevi;
 using namespace Brevi::Catalogue;
@@ -41,6 +46,7 @@ TEST_F(HubProgram, CommandLineMistakesAndATakenPortEndWithAStatus)
 {
     EXPECT_EQ(runToEnd({"--help"}), 0);
     EXPECT_EQ(runToEnd({"--port", "none"}), 2);
+    EXPECT_EQ(runToEnd({"--no-such-option"}), 2);
     EXPECT_EQ(runToEnd({"--trace-buffer-size", "12"}), 2);
     TCPSocketListen taken("Taken", NetAddress(QHostAddress::LocalHost, 0), 1);
     EXPECT_EQ(runToEnd({"--port", QString::number(taken.localAddress().getPort())}), 1);
@@ -49,9 +55,16 @@ TEST_F(HubProgram, CommandLineMistakesAndATakenPortEndWithAStatus)
 TEST_F(HubProgram, DaemonReturnsOnceListeningAndEndsOnShutdown)
 {
     const unsigned port = freePort();
-    // The starting process returns only when the daemon listens.
-    ASSERT_EQ(runToEnd({"--daemon", "--port", QString::number(port), "--node", Node, "--machine-id", MachineId}), 0);
+    const QString pidFile = moHome.path() + "/hub.pid";
+    // The starting process returns only when the daemon listens, and the pid
+    // file names the daemon by then.
+    ASSERT_EQ(runToEnd({"--daemon", "--pid-file", pidFile, "--port", QString::number(port), "--node", Node,
+                        "--machine-id", MachineId}),
+              0);
     ASSERT_TRUE(accepts(port));
+    const pid_t daemon = BreviTest::TestHome::readFile(pidFile).trimmed().toInt();
+    ASSERT_GT(daemon, 0);
+    EXPECT_EQ(::kill(daemon, 0), 0);
 
     HubClient client(port);
     ASSERT_TRUE(client.start("operator"));
@@ -62,6 +75,9 @@ TEST_F(HubProgram, DaemonReturnsOnceListeningAndEndsOnShutdown)
     for (unsigned long long end = steadyMs() + 10000; !gone && steadyMs() < end;)
         gone = !accepts(port);
     EXPECT_TRUE(gone);
+    for (unsigned long long end = steadyMs() + 5000; QFile::exists(pidFile) && steadyMs() < end;)
+        ::usleep(10000);
+    EXPECT_FALSE(QFile::exists(pidFile));
 }
 
 TEST_F(HubProgram, StoppedAsSoonAsItAcceptsItEndsCleanly)

@@ -63,26 +63,6 @@ QByteArray bytesOf(const IpcPacket& packet)
     return QByteArray(reinterpret_cast<const char*>(bytes.data()), int(bytes.size()));
 }
 
-// Resident memory of a process in KiB, 0 when it cannot be read.
-unsigned long residentKiB(pid_t pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (QByteArray line = status.readLine(); !line.isEmpty(); line = status.readLine())
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').value(0).toULong();
-    return 0;
-}
-
-QByteArray header(unsigned magic, unsigned size)
-{
-    QByteArray bytes(8, '\0');
-    ByteOrder::store32(reinterpret_cast<unsigned char*>(bytes.data()), magic);
-    ByteOrder::store32(reinterpret_cast<unsigned char*>(bytes.data()) + 4, size);
-    return bytes;
-}
-
 } // namespace
 
 TEST_F(HubRobustness, BrokenStreamsEndOnlyTheirOwnLink)
@@ -91,10 +71,10 @@ TEST_F(HubRobustness, BrokenStreamsEndOnlyTheirOwnLink)
     std::unique_ptr<HubClient> watcher = started("watcher");
     const QList<QPair<const char*, QByteArray>> cases = {
         {"garbage", QByteArray("this is not a packet at all")},
-        {"bad magic", header(0x12345678, 40) + QByteArray(32, 'x')},
-        {"too small", header(IpcPacketLayout::MessageMagic, 8)},
-        {"too big", header(IpcPacketLayout::MessageMagic, 0x7FFFFFFF)},
-        {"truncated", header(IpcPacketLayout::MessageMagic, 1000) + QByteArray(100, 'x')},
+        {"bad magic", packetHeader(0x12345678, 40) + QByteArray(32, 'x')},
+        {"too small", packetHeader(IpcPacketLayout::MessageMagic, 8)},
+        {"too big", packetHeader(IpcPacketLayout::MessageMagic, 0x7FFFFFFF)},
+        {"truncated", packetHeader(IpcPacketLayout::MessageMagic, 1000) + QByteArray(100, 'x')},
     };
     for (const auto& item : cases) {
         SCOPED_TRACE(item.first);
@@ -111,7 +91,7 @@ TEST_F(HubRobustness, BrokenStreamsEndOnlyTheirOwnLink)
 
     // A packet that frames but whose fields do not: dropped, the link stays.
     std::unique_ptr<HubClient> sloppy = started("sloppy");
-    ASSERT_TRUE(sloppy->sendRaw(header(IpcPacketLayout::MessageMagic, 16) + QByteArray("3/1\0abc", 8)));
+    ASSERT_TRUE(sloppy->sendRaw(packetHeader(IpcPacketLayout::MessageMagic, 16) + QByteArray("3/1\0abc", 8)));
     EXPECT_TRUE(served(*sloppy));
 }
 
@@ -231,7 +211,7 @@ TEST_F(HubRobustness, APacketLeftUnfinishedEndsItsLinkAfterTheStallTime)
     // Half a packet, or half a header, and then nothing: the Hub lets go of
     // the link (and the packet's memory) and tells the watcher.
     ASSERT_TRUE(stuck->sendRaw(bytesOf(*sized(receiver->address(), stuck->address(), 4000)).left(2000)));
-    ASSERT_TRUE(stuckInHeader->sendRaw(header(IpcPacketLayout::MessageMagic, 4000).left(5)));
+    ASSERT_TRUE(stuckInHeader->sendRaw(packetHeader(IpcPacketLayout::MessageMagic, 4000).left(5)));
     EXPECT_TRUE(stuck->waitClosed(10000));
     EXPECT_TRUE(stuckInHeader->waitClosed(10000));
     EXPECT_TRUE(watcher->wait(HubRtrProcessExitedPost::Message, 5000));
@@ -246,7 +226,7 @@ TEST_F(HubRobustness, AFloodToAProcessThatReadsLateIsHeldBackNotLostNorHeld)
     std::unique_ptr<HubClient> sink = started("sink");
     std::unique_ptr<HubClient> flood = started("flood");
     std::unique_ptr<HubClient> other = started("other");
-    const unsigned long before = residentKiB(mpHub->process().pid());
+    const unsigned long before = statusKiB(mpHub->process().pid(), "VmRSS");
     ASSERT_GT(before, 0u);
 
     // The sink reads nothing while the flood goes on, until the Hub stops
@@ -267,7 +247,7 @@ TEST_F(HubRobustness, AFloodToAProcessThatReadsLateIsHeldBackNotLostNorHeld)
             moved = steadyMs();
     }
     EXPECT_LT(queued, Cap) << "the Hub took everything";
-    const unsigned long after = residentKiB(mpHub->process().pid());
+    const unsigned long after = statusKiB(mpHub->process().pid(), "VmRSS");
     EXPECT_LT(after, before + 32 * 1024) << "the Hub held the flood: " << before << " KiB, then " << after;
     // Everybody else is served meanwhile.
     EXPECT_TRUE(served(*other));

@@ -1,8 +1,13 @@
 #include "hubtest.h"
 
+#include "core/byteorder.h"
 #include "sockets/tcpsocketdata.h"
 #include "sockets/tcpsocketlisten.h"
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSet>
 #include <QThread>
 
 #include <csignal>
@@ -88,21 +93,71 @@ void ChildProcess::kill(int signal)
         ::kill(miPid, signal);
 }
 
-HubProcess::HubProcess(const QStringList& arguments)
-    : muiPort(freePort())
+unsigned long statusKiB(pid_t pid, const char* field)
 {
-    QStringList all{"--port", QString::number(muiPort), "--node", Node, "--machine-id", MachineId};
-    all += arguments;
-    mpProcess.reset(new ChildProcess(hubProgram(), all));
-    // Ready when it accepts a connection; never a blind sleep.
-    const unsigned long long deadline = steadyMs() + 10000;
-    while (steadyMs() < deadline && mpProcess->running()) {
-        TCPSocketData probe("Probe", NetAddress(QHostAddress::LocalHost, muiPort));
-        if (probe.isValid() && probe.complete(200)) {
-            mbReady = true;
-            return;
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith(field) && line.mid(int(qstrlen(field))).startsWith(':'))
+            return line.mid(int(qstrlen(field)) + 1).trimmed().split(' ').value(0).toULong();
+    return 0;
+}
+
+QByteArray packetHeader(unsigned magic, unsigned size)
+{
+    QByteArray bytes(8, '\0');
+    Brevi::ByteOrder::store32(bytes.data(), magic);
+    Brevi::ByteOrder::store32(bytes.data() + 4, size);
+    return bytes;
+}
+
+namespace {
+
+// Whether the process `pid` holds a socket that listens on `port`: its
+// descriptors against the system's table of TCP sockets.
+bool listensOn(pid_t pid, unsigned port)
+{
+    QFile table("/proc/net/tcp");
+    if (!table.open(QIODevice::ReadOnly))
+        return false;
+    QSet<QByteArray> listeners;
+    const QByteArray local = ':' + QByteArray::number(port, 16).toUpper().rightJustified(4, '0');
+    for (const QByteArray& line : table.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        // sl local_address rem_address st ... inode
+        if (fields.size() > 9 && fields[1].endsWith(local) && fields[3] == "0A")
+            listeners.insert("socket:[" + fields[9] + ']');
+    }
+    const QDir descriptors(QStringLiteral("/proc/%1/fd").arg(pid));
+    for (const QFileInfo& descriptor : descriptors.entryInfoList(QDir::Files | QDir::System | QDir::NoDotAndDotDot))
+        if (listeners.contains(descriptor.symLinkTarget().section('/', -1).toUtf8()))
+            return true;
+    return false;
+}
+
+} // namespace
+
+HubProcess::HubProcess(const QStringList& arguments)
+{
+    // The port was only free a moment ago: another process may take it
+    // meanwhile. Its accept must not pass for this Hub's, and a Hub that
+    // could not listen is started again on another port.
+    for (int attempt = 0; attempt < 3 && !mbReady; ++attempt) {
+        muiPort = freePort();
+        QStringList all{"--port", QString::number(muiPort), "--node", Node, "--machine-id", MachineId};
+        all += arguments;
+        mpProcess.reset(new ChildProcess(hubProgram(), all));
+        // Ready when it accepts a connection; never a blind sleep.
+        const unsigned long long deadline = steadyMs() + 10000;
+        while (steadyMs() < deadline && mpProcess->running()) {
+            TCPSocketData probe("Probe", NetAddress(QHostAddress::LocalHost, muiPort));
+            if (probe.isValid() && probe.complete(200) && listensOn(mpProcess->pid(), muiPort)) {
+                mbReady = true;
+                break;
+            }
+            QThread::msleep(20);
         }
-        QThread::msleep(20);
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include "testhome.h"
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 
@@ -23,6 +24,12 @@ inline QString machine() { return QStringLiteral("testnode@0123abcd"); }
 
 // A port that was free a moment ago (bound at 0 and let go).
 unsigned freePort();
+
+// A line of /proc/<pid>/status in KiB ("VmRSS", "VmSize"); 0 if unreadable.
+unsigned long statusKiB(pid_t pid, const char* field);
+
+// The 8 bytes that open a packet: its magic and the size it claims.
+QByteArray packetHeader(unsigned magic, unsigned size);
 
 // A program started beside the test, ended (SIGKILL) by the destructor if it
 // is still there.
@@ -55,7 +62,7 @@ public:
     int stop(int ms = 10000);
 
 private:
-    unsigned muiPort;
+    unsigned muiPort = 0;
     std::unique_ptr<ChildProcess> mpProcess;
     bool mbReady = false;
 };

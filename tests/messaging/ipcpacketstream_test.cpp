@@ -12,6 +12,7 @@
 
 #include "packetlink.h"
 
+#include <QFile>
 #include <QRandomGenerator>
 
 #include <boost/make_shared.hpp>
@@ -169,6 +170,54 @@ TEST_F(IpcPacketStreamTest, SizesAtTheLimits)
     moReceiver.setSocket(moLink.server);
     EXPECT_EQ(moReceiver.maximumSize(), 65536u);
     EXPECT_EQ(deliver(over), eIpcResultTooBig);
+}
+
+// The process's address space, from the kernel's own count.
+unsigned long long addressSpaceKiB()
+{
+    QFile status("/proc/self/status");
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmSize:"))
+            return line.mid(7).trimmed().split(' ').value(0).toULongLong();
+    return 0;
+}
+
+TEST_F(IpcPacketStreamTest, AClaimedSizeCostsOnlyWhatArrives)
+{
+    // Writes and reads in turn until the receiver has taken all the bytes.
+    const auto feed = [this](const QByteArray& bytes) {
+        for (int at = 0; at < bytes.size(); at += 65536) {
+            const unsigned missing = moReceiver.missing();
+            const QByteArray piece = bytes.mid(at, 65536);
+            ASSERT_TRUE(writeAll(*moLink.client, piece));
+            while (moReceiver.missing() + unsigned(piece.size()) != missing || !missing) {
+                ASSERT_TRUE(waitFor(*moLink.server, POLLIN));
+                ASSERT_EQ(moReceiver.receive(), eIpcResultAgain);
+                if (!missing && moReceiver.missing())
+                    break;
+            }
+        }
+    };
+    moReceiver.setMaximumSize(Layout::EnabledMaximumSize);
+    const unsigned long long before = addressSpaceKiB();
+    ASSERT_GT(before, 0u);
+    feed(header(Layout::MessageMagic, 0x7FFFFFF0));
+    EXPECT_LT(addressSpaceKiB() - before, 1024u) << "a lie of 2 GiB";
+    feed(QByteArray(3 << 20, 'x'));
+    EXPECT_EQ(moReceiver.missing(), 0x7FFFFFF0u - 8 - 3 * (1u << 20));
+    EXPECT_LT(addressSpaceKiB() - before, 16u * 1024) << "3 MiB that came";
+
+    // A packet that does come whole is gathered to its exact size.
+    SetUp();
+    moReceiver.setMaximumSize(Layout::EnabledMaximumSize);
+    const QByteArray large = messageOfSize(3 * (1 << 20) + 17);
+    EXPECT_EQ(deliver(large), eIpcResultOk);
+    const boost::shared_ptr<IpcPacket> packet = moReceiver.get(1);
+    ASSERT_TRUE(packet && *packet);
+    EXPECT_EQ(packet->size(), unsigned(large.size()));
+    EXPECT_TRUE(bytesOf(*packet) == large);
 }
 
 TEST_F(IpcPacketStreamTest, StreamEndingInMidPacketGivesClosedAndNoPacket)

@@ -20,13 +20,58 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <dlfcn.h>
+#include <sys/socket.h>
+
 using namespace Brevi;
 using namespace BreviTest;
+
+// The sockets' system calls, passed through unless a test has one thread's
+// calls refused with an error: how an interrupted or starved system shows.
+// The refusals stop after a thousand, so that a loop that never gives up
+// still ends, and the count shows it.
+namespace {
+std::atomic<std::thread::id> soRefusedThread;
+std::atomic<int> siRefusal{0};
+std::atomic<unsigned> suiRefused{0};
+
+bool refuseHere()
+{
+    if (siRefusal.load() == 0 || soRefusedThread.load() != std::this_thread::get_id() || suiRefused.load() >= 1000)
+        return false;
+    ++suiRefused;
+    errno = siRefusal.load();
+    return true;
+}
+
+struct Refusal {
+    Refusal(int error)
+    {
+        suiRefused = 0;
+        soRefusedThread = std::this_thread::get_id();
+        siRefusal = error;
+    }
+    ~Refusal() { siRefusal = 0; }
+};
+} // namespace
+
+extern "C" ssize_t send(int socket, const void* data, size_t size, int flags)
+{
+    static const auto next = reinterpret_cast<ssize_t (*)(int, const void*, size_t, int)>(dlsym(RTLD_NEXT, "send"));
+    return refuseHere() ? -1 : next(socket, data, size, flags);
+}
+
+extern "C" ssize_t recv(int socket, void* data, size_t size, int flags)
+{
+    static const auto next = reinterpret_cast<ssize_t (*)(int, void*, size_t, int)>(dlsym(RTLD_NEXT, "recv"));
+    return refuseHere() ? -1 : next(socket, data, size, flags);
+}
 
 namespace {
 
@@ -227,6 +272,37 @@ TEST_F(MsgQueueTest, AttachedQueueWakesItsSelectOnceABurst)
     queue.release();
     EXPECT_FALSE(put(queue, 4));
     EXPECT_FALSE(queue.setup(select)) << "released for good";
+}
+
+// The wake-up byte is sent with the mutex held, and the owner reads on its
+// own thread: neither keeps trying while the system refuses.
+TEST_F(MsgQueueTest, AttachedQueueStopsRetryingARefusingSystem)
+{
+    MsgQueueAttached queue(0);
+    TCPSocketSelect select;
+    ASSERT_TRUE(queue.setup(select));
+    TCPSocketSelect ready;
+    {
+        Refusal starved(ENOBUFS);
+        EXPECT_TRUE(tracesOnce([&] { EXPECT_TRUE(put(queue, 1)); }, TraceAlways, "after 8 attempts"));
+        EXPECT_EQ(suiRefused.load(), 8u);
+    }
+    select.clone(ready);
+    EXPECT_EQ(ready.wait(0), eTCPErrorTimeout) << "no byte went";
+    ASSERT_TRUE(put(queue, 2));
+    select.clone(ready);
+    EXPECT_EQ(ready.wait(1000), eTCPErrorNone) << "the next item sent the byte it owed";
+
+    ASSERT_TRUE(put(queue, 3));
+    QList<boost::any> items;
+    {
+        Refusal interrupted(EINTR);
+        EXPECT_TRUE(queue.dequeueAll(items, nullptr));
+        EXPECT_EQ(suiRefused.load(), 8u);
+    }
+    ASSERT_EQ(items.size(), 3);
+    EXPECT_EQ(boost::any_cast<int>(items.last()), 3);
+    EXPECT_TRUE(queue.isValid());
 }
 
 TEST_F(MsgQueueTest, TheWakeUpPairAcceptsOnlyItsOwnConnection)

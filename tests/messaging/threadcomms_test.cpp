@@ -29,6 +29,7 @@ const QString Disconnected = Catalogue::MsgDisconnectedPost::Message;
 ThreadComms gLink;
 MsgAddress gWorkerAddress;
 std::atomic<int> gAnswered{0};
+std::atomic<bool> gToldOfTheEnd{false};
 QStringList gLines;
 
 // Asks the parent ten times, then leaves.
@@ -47,7 +48,11 @@ void askingWorker()
         if (reply && reply.getCookie() == link.name() && reply.get("Value", -1) == i * i)
             ++gAnswered;
     }
+    // Both ends are told, this one too, as Messaging::disconnect tells them.
+    const MsgAddress parent = link.address();
     link.disconnect();
+    const Msg end = Msg::wait(Disconnected, parent, 10);
+    gToldOfTheEnd = end && end.getCookie() == link.name();
 }
 
 } // namespace
@@ -62,6 +67,7 @@ TEST(ThreadComms, AWorkerConnectsTalksUnderTheLinksNameAndLeaves)
             ASSERT_TRUE(hello) << "lastError " << hello.lastError();
             EXPECT_EQ(hello.getCookie(), "job 7");
             EXPECT_EQ(hello.source(), gWorkerAddress);
+            Context::messaging()->setLoggingAddress(hello.source());
 
             ManageMsgHandlers handlers;
             handlers.add("SquareRequest", handler([](const Msg& request) {
@@ -77,7 +83,9 @@ TEST(ThreadComms, AWorkerConnectsTalksUnderTheLinksNameAndLeaves)
             EXPECT_EQ(bye.getCookie(), "job 7");
             worker.join();
             EXPECT_EQ(gAnswered, 10);
+            EXPECT_TRUE(gToldOfTheEnd);
             EXPECT_FALSE(Context::messaging()->isConnected(hello.source()));
+            EXPECT_FALSE(Context::messaging()->loggingAddress()) << "no longer logs to the worker that left";
         },
         "Parent"));
 }

@@ -73,6 +73,7 @@ TEST_F(BlockToolTest, StatAndCheckReportTheFileAndItsFaults)
 
     EXPECT_EQ(runTool({ "check", path("none") }).exitCode, 2);
     EXPECT_EQ(runTool({ "frobnicate", file }).exitCode, 2);
+    EXPECT_EQ(runTool({ "--no-such-option", "stat", file }).exitCode, 2);
     ToolResult help = runTool({ "--help" });
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_TRUE(help.output.contains("check"));

@@ -271,12 +271,40 @@ TEST_F(HubTools, LevelChangesWhatARunningProcessTraces)
     EXPECT_TRUE(level.err.contains("has ended")) << level.err.toStdString();
 }
 
+TEST_F(HubTools, RunsOfToolsKeepNoTraceOfTheirOwnAndLeaveQuietly)
+{
+    startHub();
+    ChildProcess target(TOOLTARGET, {"Killed target", "Killed"}, {"BREVI_HUB_PORT=" + QString::number(port())});
+    ASSERT_TRUE(eventually([&] { return tool(HUBSTATUS, {"--live"}).out.contains("Killed target"); }));
+    target.kill(SIGKILL);
+    ASSERT_TRUE(target.waitExit(5000));
+    ASSERT_TRUE(listedAsExited("Killed target"));
+
+    // More runs than the Hub keeps the traces of ended processes for.
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(tool(HUBSTATUS, {}).exitCode, 0) << "run " << i;
+    const ToolRun trace = tool(PROCESSTRACE, {"Killed"});
+    EXPECT_EQ(trace.exitCode, 0) << trace.err.toStdString();
+    EXPECT_TRUE(trace.out.contains("tool target is up"));
+    const QStringList lines = tool(HUBSTATUS, {}).out.split('\n');
+    EXPECT_EQ(lines.filter("hubstatus").size(), 0) << "a tool's run is not kept";
+
+    // Each run detached in order: only the killed process's link is a
+    // failure in the Hub's trace.
+    const QStringList hubTrace =
+        QString::fromUtf8(
+            BreviTest::TestHome::readFile(moHome.trace() + "/hub-" + QString::number(mpHub->process().pid()) + ".tra"))
+            .split('\n');
+    EXPECT_EQ(hubTrace.filter(QRegExp(" 0 HUB .*closed:")).size(), 1)
+        << hubTrace.filter("closed:").join('\n').toStdString();
+}
+
 TEST(HubToolsWithoutHub, NoHubAndCommandLineMistakesAreToldAndFail)
 {
     BreviTest::TestHome home;
     const QString nowhere = QString::number(freePort());
     const QList<QPair<const char*, QStringList>> calls{
-        {HUBSTATUS, {}}, {TRACELEVEL, {"debug"}}, {PROCESSTRACE, {"Anyone"}}};
+        {HUBSTATUS, {}}, {TRACELEVEL, {"debug"}}, {PROCESSTRACE, {"Anyone"}}, {CHILDCTL, {"freeze", "Anyone"}}};
     for (const auto& call : calls) {
         const QStringList arguments = QStringList(call.second) << "--port" << nowhere;
         ToolRun result = run(call.first, arguments);
@@ -300,7 +328,16 @@ TEST(HubToolsWithoutHub, NoHubAndCommandLineMistakesAreToldAndFail)
         {TRACELEVEL, {"--module", "1025", "debug"}},
         {PROCESSTRACE, {}},
         {PROCESSTRACE, {"--last", "0", "x"}},
+        {CHILDCTL, {"freeze"}},
+        {CHILDCTL, {"melt", "Anyone"}},
+        {CHILDCTL, {"freeze", "Anyone", "--for", "soon"}},
     };
+    // An option no tool knows, before or after the arguments.
+    for (const char* program : {HUBSTATUS, TRACELEVEL, PROCESSTRACE, TRACEDUMP, CHILDCTL}) {
+        const ToolRun result = run(program, {"--no-such-option", "x"});
+        EXPECT_EQ(result.exitCode, 2) << program;
+        EXPECT_TRUE(result.err.contains("no-such-option")) << result.err.toStdString();
+    }
     for (const auto& mistake : mistakes) {
         const ToolRun result = run(mistake.first, QStringList(mistake.second) << "--port" << nowhere);
         EXPECT_EQ(result.exitCode, 2) << mistake.first << " " << mistake.second.join(' ').toStdString();

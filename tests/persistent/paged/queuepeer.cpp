@@ -7,6 +7,7 @@
 #include "core/byteorder.h"
 #include "persistent/pagedqueue.h"
 #include "persistent/spoolstatefile.h"
+#include "spoolrecords.h"
 
 #include <QByteArray>
 #include <QString>
@@ -19,22 +20,6 @@
 using namespace Brevi;
 
 namespace {
-
-QByteArray record(quint64 number)
-{
-    QByteArray bytes(int(8 + number % 300), char(number * 7));
-    ByteOrder::store64(bytes.data(), number);
-    return bytes;
-}
-
-// One write a line, so that a line is on the pipe whole or not at all.
-void say(const char* what, quint64 number)
-{
-    char line[64];
-    const int length = std::snprintf(line, sizeof line, "%s %llu\n", what, static_cast<unsigned long long>(number));
-    if (::write(1, line, size_t(length)) != length)
-        _exit(3);
-}
 
 int sender(PagedQueue& queue, const QString& path)
 {
