@@ -576,9 +576,9 @@ void Messaging::release()
 // ---------------------------------------------------------------------------
 // Data channels
 
-bool Messaging::addDatachannel(unsigned id, Transport transport)
+bool Messaging::addDatachannel(unsigned id, Transport transport, unsigned limit)
 {
-    moReceiveQueue.addDatachannel(id, transport);
+    moReceiveQueue.addDatachannel(id, transport, limit);
     return true;
 }
 

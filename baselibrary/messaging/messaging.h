@@ -197,8 +197,8 @@ public:
     void release();
 
     // --- Data channels of this thread -------------------------------------------
-    // Always true.
-    bool addDatachannel(unsigned id, Transport transport);
+    // Always true. See MsgReceiveQueue::addDatachannel for the limit.
+    bool addDatachannel(unsigned id, Transport transport, unsigned limit = 0);
     void removeDatachannel(unsigned id);
     // See MsgReceiveQueue::dataTransportType.
     bool dataTransportType(Transport& transport) const;

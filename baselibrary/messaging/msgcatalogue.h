@@ -832,6 +832,40 @@ inline const QString ProcessStateStarted = QStringLiteral("Started");
 inline const QString ProcessStateShutdown = QStringLiteral("Shutdown");
 } // namespace LogAttachment
 
+// ---------------------------------------------------------------------------
+// The details of a data channel: the two lists that its ends exchange in the
+// applications' own messages to agree on a transport (datachannel.h).
+
+namespace DatachannelKey {
+inline const QString Type = QStringLiteral("Type");
+inline const QString TypeSend = QStringLiteral("Send");
+inline const QString TypeReceive = QStringLiteral("Receive");
+inline const QString Transport = QStringLiteral("Transport");
+inline const QString PeerAddress = QStringLiteral("PeerAddress");
+inline const QString ReceiveId = QStringLiteral("ReceiveId");
+inline const QString IpcBufferSize = QStringLiteral("IpcBufferSize");
+inline const QString IpcBufferCount = QStringLiteral("IpcBufferCount");
+inline const QString IpcSynchronization = QStringLiteral("IpcSynchronization");
+inline const QString IpcCompression = QStringLiteral("IpcCompression");
+inline const QString IpcAckId = QStringLiteral("IpcAckId");
+inline const QString ShmBufferSize = QStringLiteral("ShmBufferSize");
+inline const QString ShmBufferCount = QStringLiteral("ShmBufferCount");
+inline const QString MemoryId = QStringLiteral("MemoryId");
+inline const QString ProcessId = QStringLiteral("ProcessId");
+inline const QString SendHandle = QStringLiteral("SendHandle");
+inline const QString ReceiveHandle = QStringLiteral("ReceiveHandle");
+inline const QString FileBasePath = QStringLiteral("FileBasePath");
+inline const QString FileBufferSize = QStringLiteral("FileBufferSize");
+inline const QString FilePageSize = QStringLiteral("FilePageSize");
+inline const QString MutexHandle = QStringLiteral("MutexHandle");
+inline const QString GateHandle = QStringLiteral("GateHandle");
+inline const QString QueueHandle = QStringLiteral("QueueHandle");
+// The configuration file under the configuration directory whose list
+// "Default" holds a machine's defaults for the Ipc and Shm keys.
+inline const QString ConfigFile = QStringLiteral("datachannel.cfg");
+inline const QString ConfigDefault = QStringLiteral("Default");
+} // namespace DatachannelKey
+
 } // namespace Catalogue
 } // namespace Brevi
 

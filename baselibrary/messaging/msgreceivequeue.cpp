@@ -91,6 +91,14 @@ bool MsgReceiveQueue::enqueue(const boost::shared_ptr<IpcPacket>& packet)
             BTRACE(TraceNormal) << "Unknown datachannel" << id << "give data to the bit bucket";
             return false;
         }
+        if (it->mbOverrun)
+            return false;
+        if (it->muiLimit && unsigned(it->moPackets.size()) >= it->muiLimit) {
+            BTRACE(TraceAlways) << "Data beyond the window of datachannel" << id << ", close it";
+            it->moPackets.clear();
+            it->mbOverrun = true;
+            return false;
+        }
         BTRACE(TraceDebug) << "Got data, queue it" << id;
         it->moPackets.append(packet);
         return true;
@@ -128,12 +136,13 @@ void MsgReceiveQueue::removeAuthorization(const QString& name, const QByteArray&
 // ---------------------------------------------------------------------------
 // Data channels
 
-void MsgReceiveQueue::addDatachannel(unsigned id, Transport transport)
+void MsgReceiveQueue::addDatachannel(unsigned id, Transport transport, unsigned limit)
 {
     if (moChannels.contains(id))
         return;
     Channel channel;
     channel.meTransport = transport;
+    channel.muiLimit = limit;
     moChannels.insert(id, channel);
     BTRACE(TraceNormal) << "Add a data packet queue, size" << unsigned(moChannels.size()) << "id" << id;
 }
@@ -189,6 +198,8 @@ IpcResult MsgReceiveQueue::dataAvailable(unsigned id) const
     if (!moMessages.isEmpty())
         return eIpcResultMessagePending;
     const auto it = moChannels.constFind(id);
+    if (it != moChannels.constEnd() && it->mbOverrun)
+        return eIpcResultClosed;
     return it != moChannels.constEnd() && !it->moPackets.isEmpty() ? eIpcResultOk : eIpcResultAgain;
 }
 
@@ -198,7 +209,7 @@ IpcResult MsgReceiveQueue::dataAvailable(const QList<unsigned>& ids) const
         return eIpcResultMessagePending;
     for (const unsigned id : ids) {
         const auto it = moChannels.constFind(id);
-        if (it != moChannels.constEnd() && !it->moPackets.isEmpty())
+        if (it != moChannels.constEnd() && (!it->moPackets.isEmpty() || it->mbOverrun))
             return eIpcResultOk;
     }
     return eIpcResultAgain;
@@ -211,7 +222,7 @@ boost::shared_ptr<IpcPacket> MsgReceiveQueue::dequeueData(IpcResult& result, uns
         return boost::shared_ptr<IpcPacket>();
     }
     const auto it = moChannels.find(id);
-    if (it == moChannels.end()) {
+    if (it == moChannels.end() || it->mbOverrun) {
         result = eIpcResultClosed;
         return boost::shared_ptr<IpcPacket>();
     }

@@ -66,7 +66,12 @@ public:
 
     // --- Data channels of this thread --------------------------------------
     // A packet queue for the channel; nothing happens if the id is known.
-    void addDatachannel(unsigned id, Transport transport);
+    // With a `limit`, a packet that finds that many waiting is more than the
+    // sender may have in flight: the channel is closed ("Data beyond the
+    // window of datachannel"), its packets dropped, and its reads give
+    // eIpcResultClosed from then on, so that a peer that ignores the window
+    // cannot fill this process's memory.
+    void addDatachannel(unsigned id, Transport transport, unsigned limit = 0);
     // Drops the queue with the packets in it; later data for the id goes to
     // the bit bucket.
     void removeDatachannel(unsigned id);
@@ -78,12 +83,14 @@ public:
     bool dataTransportType(Transport& transport) const;
     // eIpcResultMessagePending while a message waits; otherwise eIpcResultOk
     // if the channel (the first of the list that has one) has a packet,
-    // eIpcResultAgain if not or if the channel is unknown.
+    // eIpcResultAgain if not or if the channel is unknown. A channel closed
+    // for overrunning its limit gives eIpcResultClosed alone, and counts as
+    // one with a packet in a list, so that its reader hears of it.
     IpcResult dataAvailable(unsigned id) const;
     IpcResult dataAvailable(const QList<unsigned>& ids) const;
     // The first packet of the channel, taken off: eIpcResultOk. Null with
     // eIpcResultMessagePending (a message first), eIpcResultClosed (unknown
-    // channel) or eIpcResultAgain (nothing there).
+    // or overrun channel) or eIpcResultAgain (nothing there).
     boost::shared_ptr<IpcPacket> dequeueData(IpcResult& result, unsigned id);
     // On a sending channel every incoming packet is an acknowledgement: takes
     // them all off and gives their number; 0 for an unknown channel.
@@ -95,6 +102,8 @@ private:
     struct Channel {
         Transport meTransport = DatachannelTransport::None;
         QList<boost::shared_ptr<IpcPacket>> moPackets;
+        unsigned muiLimit = 0;
+        bool mbOverrun = false;
     };
 
     bool admit(const Msg& message) const;

@@ -25,6 +25,8 @@ struct BlockCache::Block {
     unsigned uiGuard;
     bool bDirty;
     bool bDiscard;
+    // Pinned by the open transaction: off the LRU list whatever the count.
+    bool bHeld;
     unsigned uiRefCount;
     Block* poNext;
     Block* poPrevious;
@@ -107,6 +109,10 @@ bool BlockCache::read(void* data, unsigned count)
 
 bool BlockCache::write(const void* data, unsigned count)
 {
+    if (mbHolding) {
+        moHeldControl = QByteArray(static_cast<const char*>(data), int(count));
+        return true;
+    }
     if (!moFile.setPosition(0, RawFile::eStart)) {
         BTRACE(TraceAlways) << msShortName << "Failed to position to begining of file";
         return false;
@@ -157,6 +163,7 @@ void BlockCache::fillHeader(Block* block, quint64 id)
     block->uiGuard = GuardWord;
     block->bDirty = false;
     block->bDiscard = false;
+    block->bHeld = false;
     block->uiRefCount = 1;
     block->poNext = nullptr;
     block->poPrevious = nullptr;
@@ -208,7 +215,8 @@ void* BlockCache::getBlock(quint64 id)
                 return nullptr;
             }
             if (block->uiRefCount == 0) {
-                removeFromLRU(block);
+                if (!block->bHeld)
+                    removeFromLRU(block);
                 block->uiRefCount = 1;
             } else {
                 ++block->uiRefCount;
@@ -217,7 +225,7 @@ void* BlockCache::getBlock(quint64 id)
             return block->data();
         }
         ++mullMisses;
-        if (moHash.size() >= static_cast<int>(muiCacheSize)) {
+        if (cachedCount() >= muiCacheSize) {
             block = headFromLRU();
             if (block) {
                 flushBlock(block);
@@ -278,6 +286,8 @@ void* BlockCache::newBlock(quint64 id)
             block->bDiscard = false;
             block->bDirty = true;
             std::memset(block->data(), 0, muiBlockSize);
+            if (mbHolding)
+                holdBlock(block);
         } else {
             BTRACE(TraceAlways) << msShortName << "Block" << id << "is already in hash and inuse";
             BTRACE(TraceAlways) << "Error: `poBlock->bDiscard && !poBlock->uiRefCount' failed.";
@@ -287,7 +297,7 @@ void* BlockCache::newBlock(quint64 id)
     }
 
     if (muiCacheSize != 0) {
-        if (muiCacheSize > unsigned(moHash.size())) {
+        if (muiCacheSize > cachedCount()) {
             block = discardedFromLRU();
             if (block) {
                 BTRACE(TraceVerbose) << msShortName << "Remove discarded block" << block->ullId << "from cache";
@@ -312,7 +322,9 @@ void* BlockCache::newBlock(quint64 id)
     fillHeader(block, id);
     std::memset(block->data(), 0, muiBlockSize);
     moHash.insert(id, block);
-    if (mbWriteThrough) {
+    if (mbHolding) {
+        holdBlock(block);
+    } else if (mbWriteThrough) {
         bool written = false;
         if (!positionTo(id)) {
             BTRACE(TraceAlways) << msShortName << "Failed to position to new block" << id;
@@ -340,6 +352,8 @@ void* BlockCache::newBlock(quint64 id)
 // discarded one at the head, first to be reused), or without a cache it goes.
 void BlockCache::lastReference(Block* block)
 {
+    if (block->bHeld)
+        return;
     if (muiCacheSize != 0) {
         addToLRU(block);
     } else {
@@ -361,9 +375,13 @@ bool BlockCache::returnBlock(const void* data, bool updated)
     }
     bool result = true;
     if (updated && !block->bDiscard) {
-        block->bDirty = true;
-        if (mbWriteThrough)
-            result = flushBlock(block);
+        if (mbHolding) {
+            holdBlock(block);
+        } else {
+            block->bDirty = true;
+            if (mbWriteThrough)
+                result = flushBlock(block);
+        }
     }
     if (--block->uiRefCount == 0)
         lastReference(block);
@@ -376,6 +394,10 @@ bool BlockCache::updateBlock(const void* data)
     Block* block = validBlock(data);
     if (!block)
         return false;
+    if (mbHolding && !block->bDiscard) {
+        holdBlock(block);
+        return true;
+    }
     if (block->bDiscard || !mbWriteThrough) {
         block->bDirty = true;
         return true;
@@ -395,20 +417,11 @@ bool BlockCache::updateBlock(const void* data)
 
 bool BlockCache::flushBlock(Block* block)
 {
-    if (block->bDiscard || !block->bDirty)
+    if (block->bDiscard || !block->bDirty || block->bHeld)
         return true;
     // The data of a failed write are gone: dirty is cleared all the same.
     block->bDirty = false;
-    if (!positionTo(block->ullId)) {
-        BTRACE(TraceAlways) << msShortName << "Failed to position to write block" << block->ullId;
-        return false;
-    }
-    const Extent extent(block->data(), muiBlockSize);
-    if (!moFile.write(extent) || extent.available() != 0) {
-        BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << block->ullId;
-        return false;
-    }
-    return true;
+    return writeAt(block->ullId, block->data());
 }
 
 quint64 BlockCache::freeBlock(const void* data)
@@ -418,9 +431,12 @@ quint64 BlockCache::freeBlock(const void* data)
     if (!block)
         return 0;
     const quint64 id = block->ullId;
+    const bool listed = block->uiRefCount == 0 && !block->bHeld;
     block->bDiscard = true;
     block->bDirty = false;
-    if (!positionTo(id)) {
+    if (mbHolding) {
+        holdZeros(block);
+    } else if (!positionTo(id)) {
         BTRACE(TraceAlways) << msShortName << "Failed to position for zero freed block" << id;
     } else {
         const Extent extent(moZeroBlock.data(), muiBlockSize);
@@ -429,7 +445,8 @@ quint64 BlockCache::freeBlock(const void* data)
     }
     if (block->uiRefCount == 0) {
         // Freed while unreferenced: to the head, first to be reused.
-        removeFromLRU(block);
+        if (listed)
+            removeFromLRU(block);
         lastReference(block);
     } else if (--block->uiRefCount == 0) {
         lastReference(block);
@@ -445,12 +462,17 @@ quint64 BlockCache::discardBlock(const void* data)
     if (!block)
         return 0;
     const quint64 id = block->ullId;
-    const bool listed = block->uiRefCount == 0;
+    const bool listed = block->uiRefCount == 0 && !block->bHeld;
     if (block->uiRefCount != 0)
         --block->uiRefCount;
     if (block->uiRefCount == 0) {
         block->bDiscard = true;
         block->bDirty = false;
+        if (block->bHeld) {
+            // Its changes vanish: the place keeps what the file has.
+            unpin(block);
+            moHeld.erase(id & mullIdMask);
+        }
         if (listed)
             removeFromLRU(block);
         lastReference(block);
@@ -533,6 +555,13 @@ bool BlockCache::flush()
 
 void BlockCache::emptyCache()
 {
+    // What a transaction left unwritten is forgotten, never written.
+    for (Block* block : qAsConst(moHash))
+        block->bHeld = false;
+    moHeld.clear();
+    muiHeldBlocks = 0;
+    moHeldControl.clear();
+    mbHolding = false;
     flush();
     for (Block* block : qAsConst(moHash))
         releaseBlock(block);
@@ -558,6 +587,134 @@ bool BlockCache::close()
 }
 
 bool BlockCache::truncate(quint64 size) { return moFile.truncate(size, false); }
+
+bool BlockCache::lock() { return moFile.lock(0, 0); }
+
+bool BlockCache::sync() { return moFile.sync(); }
+
+void BlockCache::hold() { mbHolding = true; }
+
+void BlockCache::holdBlock(Block* block)
+{
+    block->bDirty = true;
+    if (!block->bHeld) {
+        block->bHeld = true;
+        ++muiHeldBlocks;
+    }
+    moHeld[block->ullId & mullIdMask] = Held{block, block->ullId};
+}
+
+void BlockCache::holdZeros(Block* block)
+{
+    unpin(block);
+    moHeld[block->ullId & mullIdMask] = Held{nullptr, block->ullId};
+}
+
+void BlockCache::unpin(Block* block)
+{
+    if (block->bHeld) {
+        block->bHeld = false;
+        --muiHeldBlocks;
+    }
+}
+
+void BlockCache::heldChanges(std::vector<JournalChange>& changes, unsigned file) const
+{
+    if (!moHeldControl.isEmpty()) {
+        JournalChange change;
+        change.file = file;
+        change.length = unsigned(moHeldControl.size());
+        change.data = reinterpret_cast<const unsigned char*>(moHeldControl.constData());
+        changes.push_back(change);
+    }
+    for (const std::pair<const quint64, Held>& held : moHeld) {
+        JournalChange change;
+        change.file = file;
+        change.offset = held.first * muiBlockSize;
+        change.length = muiBlockSize;
+        if (held.second.poBlock)
+            change.data = held.second.poBlock->data();
+        else
+            change.kind = JournalLayout::KindZeros;
+        changes.push_back(change);
+    }
+}
+
+bool BlockCache::writeAt(quint64 id, const void* data)
+{
+    if (!positionTo(id)) {
+        BTRACE(TraceAlways) << msShortName << "Failed to position to write block" << id;
+        return false;
+    }
+    const Extent extent(data, muiBlockSize);
+    if (!moFile.write(extent) || extent.available() != 0) {
+        BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << id;
+        return false;
+    }
+    return true;
+}
+
+bool BlockCache::writeHeld()
+{
+    mbHolding = false;
+    bool written = true;
+    for (const std::pair<const quint64, Held>& held : moHeld) {
+        if (!writeAt(held.first, held.second.poBlock ? held.second.poBlock->data() : moZeroBlock.data()))
+            written = false;
+    }
+    if (!moHeldControl.isEmpty() && !write(moHeldControl.constData(), unsigned(moHeldControl.size())))
+        written = false;
+    for (const std::pair<const quint64, Held>& held : moHeld) {
+        Block* block = held.second.poBlock;
+        if (!block)
+            continue;
+        block->bDirty = false;
+        unpin(block);
+        if (block->uiRefCount == 0)
+            lastReference(block);
+    }
+    moHeld.clear();
+    moHeldControl.clear();
+    checkInvariant();
+    return written;
+}
+
+bool BlockCache::dropHeld()
+{
+    mbHolding = false;
+    bool restored = true;
+    for (const std::pair<const quint64, Held>& held : moHeld) {
+        Block* block = held.second.poBlock ? held.second.poBlock : moHash.value(held.second.ullId);
+        // A freed block whose memory has gone to another id has nothing to
+        // forget; neither has one that was made again since.
+        if (!block || (!held.second.poBlock && !block->bDiscard))
+            continue;
+        const bool listed = block->uiRefCount == 0 && !block->bHeld;
+        unpin(block);
+        if (block->uiRefCount == 0) {
+            if (listed)
+                removeFromLRU(block);
+            moHash.remove(block->ullId);
+            releaseBlock(block);
+            continue;
+        }
+        // Still referenced: the holder's pointer stays, with the file's bytes
+        // behind it again.
+        block->bDiscard = false;
+        block->bDirty = false;
+        Extent extent(block->data(), muiBlockSize);
+        if (!positionTo(block->ullId) || !moFile.read(extent)) {
+            BTRACE(TraceAlways) << msShortName << "Failed to read block" << block->ullId << "again";
+            restored = false;
+        }
+        // A block made beyond the end of the file reads as the zeros it was.
+        std::memset(extent.at(), 0, extent.available());
+    }
+    moHeld.clear();
+    moHeldControl.clear();
+    checkInvariant();
+    return restored;
+}
 
 bool BlockCache::copy(const QString& to)
 {

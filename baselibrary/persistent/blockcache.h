@@ -4,10 +4,14 @@
 #include "brevi_export.h"
 #include "core/buffer.h"
 #include "core/operatorboolgenerator.h"
+#include "persistent/journal.h"
 #include "persistent/rawfile.h"
 
 #include <QHash>
 #include <QString>
+
+#include <map>
+#include <vector>
 
 namespace Brevi {
 
@@ -98,6 +102,32 @@ public:
     // Copies the open file to `to`, as it stands on disk: flush first. False
     // when nothing is open or the copy fails.
     bool copy(const QString& to);
+    // An exclusive lock on the whole file for as long as it stays open; false
+    // when another open of the file holds one, in this process or another.
+    bool lock();
+    // Returns once what was written is on the disk (fdatasync).
+    bool sync();
+
+    // Holding, for the transactions of Blocks. From hold() on nothing reaches
+    // the file: a block returned updated, updated, made or freed is held in
+    // memory with what is to be written at its place, and so is a write() of
+    // a control record. A held block is pinned: it is never evicted, and it
+    // does not count against the cache size. writeHeld() writes everything
+    // held and ends holding; dropHeld() forgets it all and ends holding: a
+    // held block that is still referenced is read again from the file, one
+    // that is not leaves the cache. A block changed in memory counts as
+    // changed only once it is returned updated or updated.
+    void hold();
+    bool holding() const { return mbHolding; }
+    bool hasHeld() const { return !moHeld.empty() || !moHeldControl.isEmpty(); }
+    // What is held, as changes to file number `file`, in the order of the
+    // file.
+    void heldChanges(std::vector<JournalChange>& changes, unsigned file) const;
+    // False when a write failed; holding ends all the same, with memory
+    // holding the changes.
+    bool writeHeld();
+    // False when a block still referenced could not be read again.
+    bool dropHeld();
 
     unsigned getBlockSize() const { return muiBlockSize; }
     unsigned getCacheSize() const { return muiCacheSize; }
@@ -135,6 +165,14 @@ private:
     void emptyCache();
     void checkInvariant() const;
     void traceBusy() const;
+    // Blocks in memory that eviction may consider: the held ones are not.
+    unsigned cachedCount() const { return unsigned(moHash.size()) - muiHeldBlocks; }
+    // The block's place is to get its data, or zeros, at the next writeHeld().
+    void holdBlock(Block* block);
+    void holdZeros(Block* block);
+    void unpin(Block* block);
+    // Writes a block's bytes at the place of `id`.
+    bool writeAt(quint64 id, const void* data);
 
     bool mbWriteThrough;
     unsigned muiCacheSize;
@@ -150,6 +188,17 @@ private:
     quint64 mullIdMask = ~quint64(0);
     unsigned muiAllocationSize = 0;
     Buffer moZeroBlock;
+
+    // What a transaction has changed, by place: the block whose data go there,
+    // or null for zeros, with the full id the block had.
+    struct Held {
+        Block* poBlock;
+        quint64 ullId;
+    };
+    bool mbHolding = false;
+    std::map<quint64, Held> moHeld;
+    unsigned muiHeldBlocks = 0;
+    QByteArray moHeldControl;
 };
 
 } // namespace Brevi

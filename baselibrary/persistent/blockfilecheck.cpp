@@ -3,6 +3,7 @@
 #include "core/byteorder.h"
 #include "core/extent.h"
 #include "persistent/blocklayout.h"
+#include "persistent/journaledfile.h"
 #include "persistent/rawfile.h"
 
 #include <QSet>
@@ -41,13 +42,7 @@ private:
 };
 
 // Reads `count` bytes at `offset`; true only when all of them came.
-bool readAt(RawFile& file, quint64 offset, void* data, unsigned count)
-{
-    if (!file.setPosition(qint64(offset), RawFile::eStart))
-        return false;
-    Extent extent(data, count);
-    return file.read(extent) && extent.available() == 0;
-}
+bool readAt(JournaledFile& file, quint64 offset, void* data, unsigned count) { return file.read(offset, data, count); }
 
 QString hex(quint64 value) { return "0x" + QString::number(value, 16); }
 
@@ -83,8 +78,8 @@ private:
 
 void checkFreeList(const QString& path, BlockFileReport& report)
 {
-    RawFile file(path + BlockLayout::FreeListSuffix, RawFile::eReadOnly);
-    if (!file) {
+    JournaledFile file(path, JournalLayout::FreeListFile);
+    if (!file.isOpen()) {
         report.problems << "cannot open the free list " + path + BlockLayout::FreeListSuffix;
         return;
     }
@@ -112,9 +107,8 @@ void checkFreeList(const QString& path, BlockFileReport& report)
         return;
     }
 
-    RawFile blocks(path, RawFile::eReadOnly);
     std::vector<unsigned char> entryBlock(BlockLayout::FreeListBlockSize);
-    std::vector<unsigned char> data(report.blockSize);
+    std::vector<quint64> places;
     PlaceSet seen(report.totalBlockCount);
     FaultList faults(report.problems);
     const quint64 generationShift = quint64(__builtin_popcountll(report.idMask));
@@ -141,17 +135,31 @@ void checkFreeList(const QString& path, BlockFileReport& report)
             faults.add(QString("block %1 is on the free list more than once (entry %2)").arg(place).arg(entry));
             continue;
         }
-        // A block is zeroed on disk before it is listed, and nothing writes a
-        // listed block: a free block that is not all zero has been written
-        // after it was freed.
-        if (blocks && report.fileSize >= (place + 1) * report.blockSize) {
-            if (!readAt(blocks, place * report.blockSize, data.data(), report.blockSize)) {
-                faults.add(QString("cannot read free block %1").arg(place));
-            } else if (data[0] != 0 || std::memcmp(data.data(), data.data() + 1, data.size() - 1) != 0) {
-                faults.add(QString("free block %1 is not zero").arg(place));
-            }
-        } else {
+        if (report.fileSize < (place + 1) * report.blockSize)
             faults.add(QString("free block %1 lies beyond the end of the file").arg(place));
+        else
+            places.push_back(place);
+    }
+
+    // A block is zeroed on disk before it is listed, and nothing writes a
+    // listed block: a free block that is not all zero has been written after
+    // it was freed. The file is read in runs of blocks rather than a block at
+    // a time, as most of a file's blocks may be free.
+    std::sort(places.begin(), places.end());
+    JournaledFile blocks(path, JournalLayout::BlockFile);
+    const quint64 runBlocks = qMax<quint64>(1, (1u << 20) / report.blockSize);
+    std::vector<unsigned char> run;
+    for (size_t next = 0; next < places.size();) {
+        const quint64 first = places[next];
+        const quint64 count = qMin(runBlocks, report.fileSize / report.blockSize - first);
+        run.resize(size_t(count * report.blockSize));
+        const bool read = blocks.isOpen() && readAt(blocks, first * report.blockSize, run.data(), unsigned(run.size()));
+        for (; next < places.size() && places[next] < first + count; ++next) {
+            const unsigned char* data = run.data() + (places[next] - first) * report.blockSize;
+            if (!read)
+                faults.add(QString("cannot read free block %1").arg(places[next]));
+            else if (data[0] != 0 || std::memcmp(data, data + 1, report.blockSize - 1) != 0)
+                faults.add(QString("free block %1 is not zero").arg(places[next]));
         }
     }
 }
@@ -161,11 +169,12 @@ void checkFreeList(const QString& path, BlockFileReport& report)
 bool BlockFileCheck::checkBlockFile(const QString& path, BlockFileReport& report)
 {
     report = BlockFileReport();
-    RawFile file(path, RawFile::eReadOnly);
-    if (!file) {
+    JournaledFile file(path, JournalLayout::BlockFile);
+    if (!file.isOpen()) {
         report.problems << "cannot open " + path;
         return false;
     }
+    report.journalTransactions = file.transactions();
     report.fileSize = file.size();
     unsigned char record[BlockLayout::ControlSize];
     if (!readAt(file, 0, record, sizeof(record))) {

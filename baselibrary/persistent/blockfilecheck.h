@@ -25,6 +25,9 @@ struct BlockFileReport {
     quint64 usedBlockCount = 0;
     // The highest generation found among the free ids.
     quint64 highestGeneration = 0;
+    // Transactions the journal holds whole. The files are judged with them
+    // written, as the next open will write them.
+    unsigned journalTransactions = 0;
     // One line per fault; empty for a sound file.
     QStringList problems;
 
@@ -34,7 +37,8 @@ struct BlockFileReport {
 // Read-only checks of the persistent block files (persistent/blocklayout.h),
 // for tests and inspection tools. They open the files read-only and never
 // write; they do not use the classes that maintain the files, so a fault in
-// those cannot hide itself.
+// those cannot hide itself. A block file is read as the next open will find
+// it: with what its journal holds whole laid over it (JournaledFile).
 //
 // What a sound block file is: a control record with a block size from 24 up, a
 // reserved word of 0, an id mask of low bits only and a total count of at least

@@ -4,7 +4,9 @@
 #include <QtGlobal>
 
 // The bytes of the block files. All integers are raw little-endian; no file
-// has a version field, a header on its blocks or a checksum.
+// has a version field, a header on its blocks or a checksum. Changes reach a
+// block file and its free list through the journal beside them
+// (persistent/journallayout.h), which has both.
 //
 // Block file (Blocks)
 //   The file is an array of blocks of one size; block id b lies at file offset

@@ -23,7 +23,8 @@ struct BPlusTree::Body {
     explicit Body(unsigned cacheSize)
         : mptBlocks(boost::make_shared<Blocks>(cacheSize))
     {}
-    ~Body() { close(true); }
+    // Every change has been committed by now: the header has nothing to write.
+    ~Body() { close(false); }
     Body(const Body&) = delete;
     Body& operator=(const Body&) = delete;
 
@@ -55,6 +56,7 @@ BPlusTree::BPlusTree(const BPlusTree& other)
     : mptBody(other.mptBody)
     , meLastError(other.meLastError)
     , muiCacheSize(other.muiCacheSize)
+    , meDurability(other.meDurability)
 {}
 
 BPlusTree& BPlusTree::operator=(const BPlusTree& other)
@@ -65,6 +67,7 @@ BPlusTree& BPlusTree::operator=(const BPlusTree& other)
         mptBody = other.mptBody;
         meLastError = other.meLastError;
         muiCacheSize = other.muiCacheSize;
+        meDurability = other.meDurability;
     }
     return *this;
 }
@@ -93,6 +96,14 @@ void BPlusTree::detach()
 {
     if (!mptBody || mptBody.use_count() > 1)
         mptBody = boost::make_shared<Body>(muiCacheSize);
+    mptBody->mptBlocks->setDurability(meDurability);
+}
+
+void BPlusTree::setDurability(Blocks::Durability durability)
+{
+    meDurability = durability;
+    if (mptBody)
+        mptBody->mptBlocks->setDurability(durability);
 }
 
 bool BPlusTree::create(const QString& path, unsigned blockSize)
@@ -108,10 +119,12 @@ bool BPlusTree::create(const QString& path, unsigned blockSize)
     }
     if (!body.mptBlocks->create(path, blockSize, 0, 0, RawFile::eReadWrite)) {
         BTRACE(TraceAlways) << "Failed to create tree" << path;
-        return fail(eFileError);
+        return fail(body.mptBlocks->lockedElsewhere() ? eInUse : eFileError);
     }
+    // The header and the root come into being together, or the file stays
+    // without a tree.
     quint64 id = 0;
-    void* header = body.mptBlocks->newBlock(id);
+    void* header = body.mptBlocks->begin() ? body.mptBlocks->newBlock(id) : nullptr;
     if (!header || id != body.mptBlocks->firstBlock()) {
         BTRACE(TraceAlways) << "Header of" << path << "is not the first block but" << id;
         if (header)
@@ -135,11 +148,14 @@ bool BPlusTree::create(const QString& path, unsigned blockSize)
     releaseNodes();
     body.mptBlocks->updateBlock(root->data());
     ByteOrder::store64(static_cast<unsigned char*>(header) + HeaderRootOffset, root->id());
-    if (!body.mptBlocks->updateBlock(header)) {
+    if (!body.mptBlocks->updateBlock(header) || !body.mptBlocks->commit()) {
         BTRACE(TraceAlways) << "Failed to write the header of" << path;
+        root->setClean();
+        root.reset();
         body.close(false);
         return fail(eFileError);
     }
+    root->setClean();
     meLastError = eSuccess;
     return true;
 }
@@ -153,7 +169,7 @@ bool BPlusTree::open(const QString& path)
     Body& body = *mptBody;
     if (!body.mptBlocks->open(path, 0, RawFile::eReadWrite)) {
         BTRACE(TraceAlways) << "Failed to open tree" << path;
-        return fail(eFileError);
+        return fail(body.mptBlocks->lockedElsewhere() ? eInUse : eFileError);
     }
     const unsigned blockSize = body.mptBlocks->blockSize();
     if (blockSize < MinimumBlockSize) {
@@ -216,14 +232,67 @@ bool BPlusTree::begin(const char* operation)
     return fail(eNotOpen);
 }
 
-void BPlusTree::finishOperation(bool writeRoot)
+void BPlusTree::finishOperation()
 {
     BTRACE(TraceDebug) << "NodeHash" << unsigned(moNodeHash.size());
     mpoNode.reset();
     releaseNodes();
-    const NodePtr& root = mptBody->mptRoot;
-    if (writeRoot && root && root->isDirty())
-        mptBody->mptBlocks->updateBlock(root->data());
+}
+
+bool BPlusTree::beginChange(const char* operation)
+{
+    if (!begin(operation))
+        return false;
+    if (!mptBody->mptBlocks->begin()) {
+        BTRACE(TraceAlways) << operation << "refused: the file takes no changes now";
+        return fail(eFileError);
+    }
+    return true;
+}
+
+bool BPlusTree::finishChange(bool done)
+{
+    // The operation's own nodes are gone by now, each giving its changes to
+    // the transaction; the root stays between operations, so its changes are
+    // given here.
+    finishOperation();
+    Body& body = *mptBody;
+    Blocks& blocks = *body.mptBlocks;
+    if (body.mptRoot->isDirty())
+        blocks.updateBlock(body.mptRoot->data());
+    if (done && blocks.commit()) {
+        body.mptRoot->setClean();
+        return true;
+    }
+    if (done) {
+        BTRACE(TraceAlways) << "Changes undone: they could not be committed";
+        meLastError = eFileError;
+    } else if (!blocks.hasChanges()) {
+        // Refused before it changed anything: nothing to put back.
+        blocks.abort();
+        return false;
+    }
+    blocks.abort();
+    reloadRoot();
+    return false;
+}
+
+void BPlusTree::reloadRoot()
+{
+    Body& body = *mptBody;
+    // The blocks still referenced, the header among them, hold the file's
+    // bytes again; the root may have been another node before the undo.
+    body.mptRoot->setClean();
+    body.mptRoot.reset();
+    const quint64 rootId = ByteOrder::load64(static_cast<unsigned char*>(body.mpvHeader) + HeaderRootOffset);
+    NodePtr root = readNode(rootId, true);
+    releaseNodes();
+    if (!root) {
+        BTRACE(TraceAlways) << "Failed to read the root node" << rootId << "again after an undo";
+        body.close(false);
+        return;
+    }
+    body.mptRoot = root;
 }
 
 bool BPlusTree::setRoot(const NodePtr& node)
@@ -373,6 +442,20 @@ bool BPlusTree::insert(Key& key)
         BTRACE(TraceAlways) << "Record of" << key.size() << "bytes is larger than" << maximumKeySize();
         return fail(eTooLarge);
     }
+    if (!beginChange("insert"))
+        return false;
+    const KeyHash given = key.hash();
+    bool done = insertOperation(key);
+    done = finishChange(done);
+    // A key that was not placed keeps the KeyHash it came with.
+    if (!done)
+        key.setHash(given);
+    BTRACE(TraceDebug) << "OUT:insert ," << done << key.hash();
+    return done;
+}
+
+bool BPlusTree::insertOperation(Key& key)
+{
     KeyHash hash(key.hash().hash(), 0);
     const NodePtr root = mptBody->mptRoot;
     InsertResult result = insertKey(key, root, hash);
@@ -381,33 +464,28 @@ bool BPlusTree::insert(Key& key)
         retried = true;
         result = insertKey(key, root, hash);
     }
-    bool done = false;
     switch (result) {
     case eInsertDone:
-        done = true;
-        break;
+        return true;
     case eInsertSplit: {
         NodePtr newRoot = newNode(false);
         if (!newRoot) {
             BTRACE(TraceAlways) << "Insert failed" << meLastError;
-            break;
+            return false;
         }
         newRoot->setChild(0, root->id());
         newRoot->addEntry(1, moSplitEntry);
-        done = setRoot(newRoot);
-        break;
+        return setRoot(newRoot);
     }
     case eInsertRetry:
         if (retried)
             BTRACE(TraceAlways) << "Should never get a retry from a retry";
-        break;
+        return false;
     case eInsertFailed:
         BTRACE(TraceAlways) << "Insert failed" << meLastError;
-        break;
+        return false;
     }
-    finishOperation(true);
-    BTRACE(TraceDebug) << "OUT:insert ," << done << key.hash();
-    return done;
+    return false;
 }
 
 BPlusTree::InsertResult BPlusTree::insertKey(Key& key, const NodePtr& node, KeyHash& hash, unsigned depth)
@@ -533,7 +611,7 @@ bool BPlusTree::find(const Key& key)
     if (!begin("find"))
         return false;
     const bool found = doFind(key);
-    finishOperation(false);
+    finishOperation();
     return found;
 }
 
@@ -575,20 +653,20 @@ bool BPlusTree::find(Key& key)
         }
         BTRACE(TraceDebug) << "match the key" << entry;
     }
-    finishOperation(false);
+    finishOperation();
     return found;
 }
 
 bool BPlusTree::update(const Key& key)
 {
-    if (!begin("update"))
+    if (!beginChange("update"))
         return false;
     if (!doFind(key)) {
         if (mpoNode || meLastError != eFileError) {
             BTRACE(TraceAlways) << "update: no record at" << key.hash();
             meLastError = eNotFound;
         }
-        finishOperation(false);
+        finishChange(false);
         return false;
     }
     meLastError = eSuccess;
@@ -602,36 +680,40 @@ bool BPlusTree::update(const Key& key)
                             << "bytes, not" << size;
         meLastError = eSizeMismatch;
     }
-    finishOperation(true);
-    return meLastError == eSuccess;
+    return finishChange(meLastError == eSuccess);
 }
 
 bool BPlusTree::remove(const Key& key)
 {
     BTRACE(TraceDebug) << "IN:remove" << key.hash();
-    if (!begin("remove"))
+    if (!beginChange("remove"))
         return false;
     meLastError = eSuccess;
+    removeOperation(key);
+    const bool done = finishChange(meLastError == eSuccess);
+    BTRACE(TraceDebug) << "OUT:remove ," << meLastError;
+    return done;
+}
+
+void BPlusTree::removeOperation(const Key& key)
+{
     mullRebalanceId = 0;
     Anchor leftAnchor;
     Anchor rightAnchor;
     const NodePtr root = mptBody->mptRoot;
     const DeleteResult result = deleteKey(key, root, 0, 0, 0, leftAnchor, rightAnchor);
-    if (result != eDeleteDone) {
-        // The root lost one of its two children: the other becomes the root.
-        const bool keepRight = result == eDeleteMergedLeft;
-        NodePtr newRoot = readNode(root->child(keepRight ? 1 : 0));
-        if (newRoot) {
-            deleteNode(root->child(keepRight ? 0 : 1));
-            root->setFree();
-            setRoot(newRoot);
-        } else {
-            BTRACE(TraceAlways) << "remove: the root's remaining child could not be read";
-        }
+    if (result == eDeleteDone)
+        return;
+    // The root lost one of its two children: the other becomes the root.
+    const bool keepRight = result == eDeleteMergedLeft;
+    NodePtr newRoot = readNode(root->child(keepRight ? 1 : 0));
+    if (!newRoot) {
+        BTRACE(TraceAlways) << "remove: the root's remaining child could not be read";
+        return;
     }
-    finishOperation(true);
-    BTRACE(TraceDebug) << "OUT:remove ," << meLastError;
-    return meLastError == eSuccess;
+    deleteNode(root->child(keepRight ? 0 : 1));
+    root->setFree();
+    setRoot(newRoot);
 }
 
 BPlusTree::DeleteResult BPlusTree::deleteKey(const Key& key, const NodePtr& node, quint64 parent, quint64 left,
@@ -815,7 +897,7 @@ void BPlusTree::display()
         level = displayLevel(fresh, depth);
         releaseNodes();
     }
-    finishOperation(false);
+    finishOperation();
 }
 
 QList<quint64> BPlusTree::displayLevel(const QList<quint64>& ids, unsigned level)
@@ -864,7 +946,7 @@ void BPlusTree::displayKeys(const Key& key)
         }
         node = nextLeaf(node, steps, true);
     }
-    finishOperation(false);
+    finishOperation();
 }
 
 } // namespace Brevi

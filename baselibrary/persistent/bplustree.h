@@ -3,6 +3,7 @@
 
 #include "brevi_export.h"
 #include "core/operatorboolgenerator.h"
+#include "persistent/blocks.h"
 #include "persistent/bplustreelayout.h"
 #include "persistent/key.h"
 
@@ -16,7 +17,6 @@
 namespace Brevi {
 
 class Anchor;
-class Blocks;
 class Node;
 
 // A persistent B+ tree of variable-size records in a block file (layout in
@@ -30,17 +30,25 @@ class Node;
 // straight to that place, while find(Key&) looks a key up by hash and equality
 // alone and loads the record into it.
 //
-// Every operation reaches the file before it returns: the block file is
-// write-through, so the file is whole whenever the process stops between
-// operations. Between operations the tree holds only its header block and its
-// root node; once the root has changed, every later insert, update and remove
-// writes it again.
+// Each insert(), update() and remove() is one transaction of the block file
+// (persistent/blocks.h): everything it changes (nodes, header, the file's
+// control record and free list) reaches the file together before it returns
+// true, or not at all. An operation that returns false has changed nothing,
+// in the file or in memory, whatever stopped it: an equal record, a write or
+// an extension of the file refused, a damaged node met half way. A process
+// killed at any moment leaves a tree that opens whole, with every operation
+// that returned true; with setDurability(Blocks::eSynchronous) that holds
+// for a power loss as well, at the price of a wait for the disk per
+// operation. Between operations the tree holds only its header block and its
+// root node.
+//
+// One opener at a time: a second open() or create() of a file that a tree
+// (or a Blocks) holds open, in this process or another, fails with eInUse.
 //
 // Failure: false, and lastError() tells why (Result); each failure is also
 // traced at TraceAlways. lastError() is not reset by a later success of
 // insert() or find(): it tells what the last failure was. A damaged file gives
-// eFileError, never a crash; what an operation changed before it met the
-// damage stays.
+// eFileError, never a crash.
 //
 // One thread at a time; nothing locks. A copy shares the open tree with its
 // original (block file, header and root), so each sees the other's changes;
@@ -62,7 +70,9 @@ public:
         // formed.
         eFileError = 5,
         // insert(): the record is larger than maximumKeySize().
-        eTooLarge = 6
+        eTooLarge = 6,
+        // create(), open(): another opener holds the file.
+        eInUse = 7
     };
     enum InsertResult { eInsertDone = 0, eInsertSplit = 1, eInsertRetry = 2, eInsertFailed = 3 };
     enum DeleteResult { eDeleteDone = 0, eDeleteMergedLeft = 1, eDeleteMergedRight = 2 };
@@ -77,10 +87,14 @@ public:
     // Makes a new, empty tree in `path` (and `path`.free). `blockSize` is at
     // least BPlusTreeLayout::MinimumBlockSize; 4096 suits most records.
     bool create(const QString& path, unsigned blockSize);
-    // Opens an existing tree. A header without a root, or a root that is not a
-    // well-formed node, is refused.
+    // Opens an existing tree, after writing again the last operation of a
+    // process that stopped half way through it. A header without a root, or a
+    // root that is not a well-formed node, is refused.
     bool open(const QString& path);
     bool close();
+    // What a true result of insert(), update() and remove() survives; takes
+    // effect at once and lasts across opens. Blocks::eProcessSafe at first.
+    void setDurability(Blocks::Durability durability);
 
     // Places a new record. On success `key` holds its final KeyHash. Fails with
     // eDuplicate when an equal record is there.
@@ -125,9 +139,15 @@ private:
     bool isOpen() const;
     // The start of every operation: the tree must be open.
     bool begin(const char* operation);
-    // The end of every operation: the node hash is emptied, which writes the
-    // changed nodes, and the root is written if it has changed.
-    void finishOperation(bool writeRoot);
+    // The end of every operation that reads only: the node hash is emptied.
+    void finishOperation();
+    // The start of an operation that changes the tree: a transaction.
+    bool beginChange(const char* operation);
+    // The end of one: committed when `done`, otherwise undone, so that the
+    // tree is as before the call. The result is whether it was committed.
+    bool finishChange(bool done);
+    // After an undo: the root as the file has it.
+    void reloadRoot();
     // A fresh closed Body when this one is shared or not there.
     void detach();
     bool fail(Result error);
@@ -145,6 +165,10 @@ private:
     // The next leaf to the right, for walks along the leaves; null at the right
     // edge or on a damaged chain. `release` lets go of the leaf left behind.
     NodePtr nextLeaf(const NodePtr& leaf, quint64& steps, bool release);
+    // The work of insert() and remove(), inside their transaction: what they
+    // hold is let go of on return, before the transaction ends.
+    bool insertOperation(Key& key);
+    void removeOperation(const Key& key);
     InsertResult insertKey(Key& key, const NodePtr& node, KeyHash& hash, unsigned depth = 0);
     DeleteResult deleteKey(const Key& key, const NodePtr& node, quint64 parent, quint64 left, quint64 right,
                            Anchor& leftAnchor, Anchor& rightAnchor, unsigned depth = 0);
@@ -166,6 +190,7 @@ private:
     unsigned muiSlot = 0;
     NodePtr mpoNode;
     unsigned muiCacheSize;
+    Blocks::Durability meDurability = Blocks::eProcessSafe;
 };
 
 } // namespace Brevi

@@ -3,7 +3,7 @@
 #include "core/byteorder.h"
 #include "persistent/blockfilecheck.h"
 #include "persistent/blocklayout.h"
-#include "persistent/rawfile.h"
+#include "persistent/journaledfile.h"
 
 #include <QByteArray>
 
@@ -46,22 +46,19 @@ public:
             mrReport.problems.append(QStringLiteral("more problems follow"));
     }
 
-    bool readBlock(RawFile& file, quint64 id, QByteArray& block)
+    bool readBlock(JournaledFile& file, quint64 id, QByteArray& block)
     {
         block.resize(int(muiBlockSize));
-        if (!file.setPosition(qint64((id & mullIdMask) * muiBlockSize), RawFile::eStart))
-            return false;
-        return file.read(block.data(), muiBlockSize) == muiBlockSize;
+        return file.read((id & mullIdMask) * muiBlockSize, block.data(), muiBlockSize);
     }
 
     bool readFreeList(const QString& path, quint64 treeBlocks)
     {
-        RawFile file(path + BlockLayout::FreeListSuffix, RawFile::eReadOnly);
-        if (!file)
+        JournaledFile file(path, JournalLayout::FreeListFile);
+        if (!file.isOpen())
             return false;
         unsigned char count[8];
-        if (!file.setPosition(BlockLayout::FreeListCountOffset, RawFile::eStart) ||
-            file.read(count, sizeof count) != sizeof count)
+        if (!file.read(BlockLayout::FreeListCountOffset, count, sizeof count))
             return false;
         const quint64 entries = ByteOrder::load64(count);
         const quint64 fileBlocks = file.size() / BlockLayout::FreeListBlockSize;
@@ -78,8 +75,8 @@ public:
                 const quint64 block = BlockLayout::freeListEntryBlock(i);
                 entryBlock.resize(int(BlockLayout::FreeListBlockSize));
                 entryBlock.fill(0);
-                if (!file.setPosition(qint64(block * BlockLayout::FreeListBlockSize), RawFile::eStart) ||
-                    !file.read(entryBlock.data(), BlockLayout::FreeListBlockSize)) {
+                if (!file.read(block * BlockLayout::FreeListBlockSize, entryBlock.data(),
+                               BlockLayout::FreeListBlockSize)) {
                     problem(QStringLiteral("free list block %1 cannot be read").arg(block));
                     return false;
                 }
@@ -176,8 +173,8 @@ public:
         }
         moParameters = parametersFor(muiBlockSize);
 
-        RawFile file(path, RawFile::eReadOnly);
-        if (!file)
+        JournaledFile file(path, JournalLayout::BlockFile);
+        if (!file.isOpen())
             return false;
         const quint64 fileBlocks = qMin(blocks.totalBlockCount, file.size() / muiBlockSize);
         if (fileBlocks < blocks.totalBlockCount)
@@ -236,6 +233,8 @@ public:
                     continue;
                 }
                 const unsigned flags = ByteOrder::load32(bytes + FlagsOffset);
+                if (isRoot && (flags & FlagRoot))
+                    mrReport.treeFound = true;
                 if (bool(flags & FlagRoot) != isRoot)
                     problem(QStringLiteral("node %1 has the root flag %2").arg(visit.id).arg(isRoot ? "clear" : "set"));
                 if (flags & FlagLeaf) {
@@ -260,8 +259,10 @@ public:
                     QStringLiteral("leaf %1 chains to %2 instead of %3").arg(mLeaves[i]).arg(mNexts[i]).arg(expected));
         }
         for (quint64 id = HeaderBlock + 1; id < fileBlocks; ++id) {
-            if (moState[id] == BlockUnseen)
+            if (moState[id] == BlockUnseen) {
                 problem(QStringLiteral("block %1 is neither in the tree nor free").arg(id));
+                mrReport.unreachedBlocks.push_back(id);
+            }
         }
         return true;
     }

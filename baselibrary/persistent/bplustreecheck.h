@@ -7,12 +7,17 @@
 #include <QString>
 #include <QStringList>
 
+#include <vector>
+
 namespace Brevi {
 
 // What a check found in a B+ tree file.
 struct BPlusTreeReport {
     // The control record, the header and the free list could be read.
     bool fileRead = false;
+    // The header names a well-formed node flagged as the root: the file holds
+    // a tree, whatever else is wrong with it.
+    bool treeFound = false;
     unsigned blockSize = 0;
     quint64 totalBlockCount = 0;
     quint64 rootId = 0;
@@ -22,6 +27,9 @@ struct BPlusTreeReport {
     quint64 leafCount = 0;
     quint64 recordCount = 0;
     quint64 freeCount = 0;
+    // The blocks neither reached from the root nor on the free list, all of
+    // them, while `problems` lists only the first.
+    std::vector<quint64> unreachedBlocks;
     // One line per fault; empty for a sound tree.
     QStringList problems;
 

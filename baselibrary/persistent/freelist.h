@@ -12,7 +12,9 @@ namespace Brevi {
 // id mask count how often the block was freed); grow() pushes fresh ids in
 // falling order so that the lowest comes off first; get() pops, last in first
 // out. Every operation writes the entry count to the file at once, so that the
-// file is right whenever the process stops.
+// file is right whenever the process stops; inside a transaction of the
+// Blocks it belongs to, its changes are held with the block file's and
+// reach the file with them (persistent/blocks.h).
 //
 // Failure by result and trace ("Failed to create freelist file", "Failed to
 // open freelist file", "Failed to write control record"). One thread at a
@@ -49,6 +51,10 @@ public:
     }
 
 private:
+    // Blocks holds the free list's changes in its own transactions, and puts
+    // the count back when one is undone.
+    friend class Blocks;
+
     bool flushControl();
     // The block holding entry number `entry`, got or made.
     void* entryBlock(quint64 entry);

@@ -32,10 +32,11 @@ void Node::flush()
 {
     if (!mpucData)
         return;
-    if (mbFree)
+    const bool changing = mptBlocks->inTransaction();
+    if (mbFree && changing)
         mptBlocks->freeBlock(mpucData);
     else
-        mptBlocks->returnBlock(mpucData, mbDirty);
+        mptBlocks->returnBlock(mpucData, mbDirty && changing);
     mpucData = nullptr;
 }
 

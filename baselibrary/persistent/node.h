@@ -22,7 +22,9 @@ class Key;
 // The node gives its block back when it is destroyed (flush()): to the free
 // list if the free flag is set, otherwise returned to the cache, written if
 // dirty. Every operation that changes the block, down to a single field, sets
-// the dirty flag.
+// the dirty flag. Changes are made only inside a transaction of the block
+// file: a node given back after its transaction has ended, committed or
+// undone, has nothing left to write or free.
 //
 // Nothing here checks its arguments: BPlusTree validates a node when it reads
 // it, and the algorithms keep slots and counts within the block.
@@ -39,6 +41,8 @@ public:
     unsigned char* data() const { return mpucData; }
     bool isDirty() const { return mbDirty; }
     void setDirty() { mbDirty = true; }
+    // Its changes have been committed.
+    void setClean() { mbDirty = false; }
     void setFree() { mbFree = true; }
 
     unsigned flags() const { return ByteOrder::load32(mpucData + BPlusTreeLayout::FlagsOffset); }

@@ -363,6 +363,20 @@ bool RawFile::unlock(quint64 offset, quint64 length)
     return true;
 }
 
+bool RawFile::sync()
+{
+    int result;
+    do
+        result = ::fdatasync(miHandle);
+    while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        muiLastError = unsigned(errno);
+        BTRACE(TraceAlways) << "Sync of" << msPath << "failed" << TraceErrorCode(int(muiLastError));
+        return false;
+    }
+    return true;
+}
+
 QString RawFile::volume(const QString& path)
 {
     if (path.isEmpty())

@@ -125,6 +125,12 @@ public:
     bool lock(quint64 offset, quint64 length);
     bool unlock(quint64 offset, quint64 length);
 
+    // Returns once the file's data, and its size, are on the disk itself
+    // (fdatasync): what was written before then survives a power loss. False,
+    // with "Sync of" path "failed", when the file is closed or the disk
+    // refused.
+    bool sync();
+
     // The file descriptor, -1 while closed: for callers that need a call this
     // class does not wrap. The object keeps owning it.
     int handle() const { return miHandle; }

@@ -3,18 +3,27 @@
 // same program.
 //
 // Every store makes each operation reach its file before the next starts, and
-// none of them waits for the disk: BPlusTree is write-through, LMDB commits
-// each operation with MDB_NOSYNC, LevelDB writes its log without sync, SQLite
-// runs in WAL mode with synchronous off and commits each statement. One line,
-// LMDB with 1000 inserts to a commit, shows what batching buys.
+// none of them waits for the disk: BPlusTree commits each operation through
+// its journal (what survives a killed process), LMDB commits each operation
+// with MDB_NOSYNC, LevelDB writes its log without sync, SQLite runs in WAL
+// mode with synchronous off and commits each statement. One line, LMDB with
+// 1000 inserts to a commit, shows what batching buys.
+//
+// The "Sync" lines wait for the disk at every commit, so that a committed
+// operation survives a power loss: BPlusTree with Blocks::eSynchronous, LMDB
+// without MDB_NOSYNC, SQLite in WAL mode with synchronous=FULL. They insert
+// and remove fewer records (a wait for the disk takes milliseconds); finds
+// do not depend on it.
 //
 // Each store's phases run in order (insert, then find, then remove) on one
 // database in its own directory; a phase run alone builds what it needs. The
 // counters "file_MB" and "disk_MB" are the length of the store's files and the
 // space they take on disk after the phase.
 //
-// Environment: BREVI_BENCH_RECORDS (default 1000000) and BREVI_BENCH_DIR (a
-// scratch directory; default the system's temporary directory).
+// Environment: BREVI_BENCH_RECORDS (default 1000000), BREVI_BENCH_SYNC_RECORDS
+// (default 5000) and BREVI_BENCH_DIR (a scratch directory; default the
+// system's temporary directory, which must be on a disk for the Sync lines to
+// mean anything).
 
 #include "persistent/bplustree.h"
 
@@ -28,6 +37,7 @@
 #include <lmdb.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -81,6 +91,13 @@ const Data& data()
     std::shuffle(made->findOrder.begin(), made->findOrder.end(), random);
     std::shuffle(made->removeOrder.begin(), made->removeOrder.end(), random);
     return *made;
+}
+
+unsigned syncRecords()
+{
+    const char* records = std::getenv("BREVI_BENCH_SYNC_RECORDS");
+    const unsigned count = records && *records ? unsigned(std::strtoul(records, nullptr, 10)) : 5000;
+    return std::min(count, unsigned(data().keys.size()));
 }
 
 QString benchDirectory(const char* store)
@@ -180,13 +197,15 @@ public:
 // `CacheBlocks` blocks of 4096 bytes stay in memory: the default 1024 (4 MB),
 // or, in the second set of lines, enough for the whole tree, which is what the
 // stores that map their files get from the page cache.
-template <unsigned CacheBlocks>
+template <unsigned CacheBlocks, Blocks::Durability Durability = Blocks::eProcessSafe>
 class TreeStore : public Store
 {
 public:
     TreeStore()
         : moTree(CacheBlocks)
-    {}
+    {
+        moTree.setDurability(Durability);
+    }
     bool create(const QString& directory) override { return moTree.create(directory + "/tree", 4096); }
     bool open(const QString& directory) override { return moTree.open(directory + "/tree"); }
     bool insert(unsigned i) override
@@ -210,7 +229,7 @@ private:
     BPlusTree moTree;
 };
 
-template <unsigned Batch>
+template <unsigned Batch, bool Sync = false>
 class LmdbStore : public Store
 {
 public:
@@ -221,7 +240,7 @@ public:
         if (mdb_env_create(&mpEnv))
             return false;
         mdb_env_set_mapsize(mpEnv, size_t(8) << 30);
-        if (mdb_env_open(mpEnv, QFile::encodeName(directory).constData(), MDB_NOSYNC, 0600))
+        if (mdb_env_open(mpEnv, QFile::encodeName(directory).constData(), Sync ? 0 : MDB_NOSYNC, 0600))
             return false;
         MDB_txn* txn = nullptr;
         mdb_txn_begin(mpEnv, nullptr, 0, &txn);
@@ -325,6 +344,7 @@ private:
     std::string msLoaded;
 };
 
+template <bool Sync = false>
 class SqliteStore : public Store
 {
 public:
@@ -344,7 +364,8 @@ public:
     {
         if (sqlite3_open(QFile::encodeName(directory + "/kv.db").constData(), &mpDb) != SQLITE_OK)
             return false;
-        return exec("PRAGMA journal_mode=WAL") && exec("PRAGMA synchronous=OFF") && (mpInsert || prepareIfTable());
+        return exec("PRAGMA journal_mode=WAL") && exec(Sync ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF") &&
+               (mpInsert || prepareIfTable());
     }
     bool insert(unsigned i) override
     {
@@ -401,7 +422,7 @@ private:
 const char* const LoadedMark = "/loaded";
 
 template <typename S>
-std::unique_ptr<Store> loadedStore(const char* name, benchmark::State& state)
+std::unique_ptr<Store> loadedStore(const char* name, benchmark::State& state, unsigned count)
 {
     const QString directory = benchDirectory(name);
     std::unique_ptr<Store> store(new S);
@@ -414,16 +435,15 @@ std::unique_ptr<Store> loadedStore(const char* name, benchmark::State& state)
         state.SkipWithError("create failed");
         return nullptr;
     }
-    for (unsigned i = 0; i < data().keys.size(); ++i)
+    for (unsigned i = 0; i < count; ++i)
         store->insert(i);
     QFile(directory + LoadedMark).open(QIODevice::WriteOnly);
     return store;
 }
 
 template <typename S>
-void insertAll(benchmark::State& state, const char* name)
+void insertAll(benchmark::State& state, const char* name, unsigned count = unsigned(data().keys.size()))
 {
-    const Data& records = data();
     const QString directory = benchDirectory(name);
     for (auto _ : state) {
         state.PauseTiming();
@@ -436,7 +456,7 @@ void insertAll(benchmark::State& state, const char* name)
         }
         state.ResumeTiming();
         unsigned failed = 0;
-        for (unsigned i = 0; i < records.keys.size(); ++i)
+        for (unsigned i = 0; i < count; ++i)
             failed += !store->insert(i);
         state.PauseTiming();
         store.reset();
@@ -446,7 +466,7 @@ void insertAll(benchmark::State& state, const char* name)
         countFootprint(state, directory);
         state.ResumeTiming();
     }
-    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(records.keys.size()));
+    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(count));
 }
 
 template <typename S>
@@ -455,7 +475,7 @@ void findAll(benchmark::State& state, const char* name)
     const Data& records = data();
     for (auto _ : state) {
         state.PauseTiming();
-        std::unique_ptr<Store> store = loadedStore<S>(name, state);
+        std::unique_ptr<Store> store = loadedStore<S>(name, state, unsigned(records.keys.size()));
         if (!store)
             return;
         state.ResumeTiming();
@@ -472,21 +492,25 @@ void findAll(benchmark::State& state, const char* name)
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(records.keys.size()));
 }
 
+// The records are removed in a random order; with a `count` below all of
+// them, only those a store of `count` records holds.
 template <typename S>
-void removeAll(benchmark::State& state, const char* name)
+void removeAll(benchmark::State& state, const char* name, unsigned count = unsigned(data().keys.size()))
 {
     const Data& records = data();
     const QString directory = benchDirectory(name);
     for (auto _ : state) {
         state.PauseTiming();
-        std::unique_ptr<Store> store = loadedStore<S>(name, state);
+        std::unique_ptr<Store> store = loadedStore<S>(name, state, count);
         if (!store)
             return;
         QFile::remove(directory + LoadedMark);
         state.ResumeTiming();
         unsigned failed = 0;
-        for (unsigned i : records.removeOrder)
-            failed += !store->remove(i);
+        for (unsigned i : records.removeOrder) {
+            if (i < count)
+                failed += !store->remove(i);
+        }
         state.PauseTiming();
         if (failed)
             state.SkipWithError("a remove failed");
@@ -495,7 +519,7 @@ void removeAll(benchmark::State& state, const char* name)
         QDir(directory).removeRecursively();
         state.ResumeTiming();
     }
-    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(records.keys.size()));
+    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(count));
 }
 
 void BPlusTreeInsert(benchmark::State& state) { insertAll<TreeStore<1024>>(state, "bplustree"); }
@@ -511,9 +535,17 @@ void LmdbInsertBatched(benchmark::State& state) { insertAll<LmdbStore<1000>>(sta
 void LevelDbInsert(benchmark::State& state) { insertAll<LevelDbStore>(state, "leveldb"); }
 void LevelDbFind(benchmark::State& state) { findAll<LevelDbStore>(state, "leveldb"); }
 void LevelDbRemove(benchmark::State& state) { removeAll<LevelDbStore>(state, "leveldb"); }
-void SqliteInsert(benchmark::State& state) { insertAll<SqliteStore>(state, "sqlite"); }
-void SqliteFind(benchmark::State& state) { findAll<SqliteStore>(state, "sqlite"); }
-void SqliteRemove(benchmark::State& state) { removeAll<SqliteStore>(state, "sqlite"); }
+void SqliteInsert(benchmark::State& state) { insertAll<SqliteStore<>>(state, "sqlite"); }
+void SqliteFind(benchmark::State& state) { findAll<SqliteStore<>>(state, "sqlite"); }
+void SqliteRemove(benchmark::State& state) { removeAll<SqliteStore<>>(state, "sqlite"); }
+
+typedef TreeStore<1024, Blocks::eSynchronous> SyncTreeStore;
+void BPlusTreeSyncInsert(benchmark::State& state) { insertAll<SyncTreeStore>(state, "bplustree-sync", syncRecords()); }
+void BPlusTreeSyncRemove(benchmark::State& state) { removeAll<SyncTreeStore>(state, "bplustree-sync", syncRecords()); }
+void LmdbSyncInsert(benchmark::State& state) { insertAll<LmdbStore<1, true>>(state, "lmdb-sync", syncRecords()); }
+void LmdbSyncRemove(benchmark::State& state) { removeAll<LmdbStore<1, true>>(state, "lmdb-sync", syncRecords()); }
+void SqliteSyncInsert(benchmark::State& state) { insertAll<SqliteStore<true>>(state, "sqlite-sync", syncRecords()); }
+void SqliteSyncRemove(benchmark::State& state) { removeAll<SqliteStore<true>>(state, "sqlite-sync", syncRecords()); }
 
 void LmdbBatchedCleanup(benchmark::State& state)
 {
@@ -543,5 +575,11 @@ BREVI_PHASE(LevelDbRemove);
 BREVI_PHASE(SqliteInsert);
 BREVI_PHASE(SqliteFind);
 BREVI_PHASE(SqliteRemove);
+BREVI_PHASE(BPlusTreeSyncInsert);
+BREVI_PHASE(BPlusTreeSyncRemove);
+BREVI_PHASE(LmdbSyncInsert);
+BREVI_PHASE(LmdbSyncRemove);
+BREVI_PHASE(SqliteSyncInsert);
+BREVI_PHASE(SqliteSyncRemove);
 
 BENCHMARK_MAIN();

@@ -15,6 +15,8 @@
 #include "sockets/tcpsocketlisten.h"
 #include "sockets/tcpsocketselect.h"
 
+#include <QSet>
+
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
@@ -379,6 +381,7 @@ void Hub::drop(HubLink& link)
     BTRACE(link.closing() && !link.failed() ? TraceNormal : TraceAlways)
         << "Link" << link.serial() << "of process" << link.processId()
         << "closed:" << (link.failed() ? link.failReason() : "it has left");
+    returnData(link);
     link.close();
     const ProcessPointer process = link.processId() ? moProcesses.byId(link.processId()) : ProcessPointer();
     if (!process || process->linkSerial != link.serial())
@@ -392,6 +395,25 @@ void Hub::drop(HubLink& link)
         return;
     }
     processEnded(process);
+}
+
+void Hub::returnData(HubLink& gone)
+{
+    // A sender waiting for its receiver's acknowledgements would otherwise
+    // wait on: what it sent is lost with the link.
+    QSet<QByteArray> told;
+    for (const boost::shared_ptr<IpcPacket>& packet : gone.takeUnsent()) {
+        if (packet->type() != eIpcTypeData)
+            continue;
+        const QByteArray source = Router::text(packet->source());
+        if (told.contains(source))
+            continue;
+        told.insert(source);
+        const Router::Result sender = moRouter.resolve(MsgAddress(packet->source()));
+        HubLink* from = sender.kind == Router::Result::eProcess ? link(sender.process->linkSerial) : nullptr;
+        if (from && from != &gone && !from->failed())
+            undeliverable(*from, packet, "its process has gone");
+    }
 }
 
 void Hub::sweep()

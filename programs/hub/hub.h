@@ -125,6 +125,9 @@ private:
     void checkMonitored();
     void sweep();
     void drop(HubLink& link);
+    // The data packets a dropped link had not yet taken go back to their
+    // senders as undeliverable, one post per sender.
+    void returnData(HubLink& link);
     // True while the Hub reads nothing from the link (see the class note).
     bool paused(HubLink& link);
 

@@ -150,6 +150,17 @@ std::deque<boost::shared_ptr<IpcPacket>> HubLink::takeHeld()
     return held;
 }
 
+std::deque<boost::shared_ptr<IpcPacket>> HubLink::takeUnsent()
+{
+    std::deque<boost::shared_ptr<IpcPacket>> unsent = takeHeld();
+    for (const Queued& queued : moQueue)
+        unsent.push_back(queued.packet);
+    moQueue.clear();
+    muiQueuedBytes = 0;
+    muiFrontWritten = 0;
+    return unsent;
+}
+
 void HubLink::fail(const char* reason)
 {
     if (!mpFailReason) {

@@ -89,6 +89,9 @@ public:
     void hold(const boost::shared_ptr<IpcPacket>& packet);
     unsigned long long heldBytes() const { return muiHeldBytes; }
     std::deque<boost::shared_ptr<IpcPacket>> takeHeld();
+    // The packets held and queued, for a link that is being dropped; the
+    // link keeps none.
+    std::deque<boost::shared_ptr<IpcPacket>> takeUnsent();
 
     // The link is leaving: nothing more is read or routed to it, and it is
     // closed once its queue has gone.

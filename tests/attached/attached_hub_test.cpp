@@ -255,26 +255,20 @@ TEST_F(AttachedHub, ExitIsToldForALeaverAndForAKilledProcessWhoseTraceTheHubKeep
     EXPECT_TRUE(ran);
 }
 
-TEST_F(AttachedHub, AProcessThatAskedIsToldTheHubHasGone)
+// One that asked is told the Hub has gone; without being asked, the loss
+// releases the queue of the other threads.
+TEST_F(AttachedHub, TheHubsLossIsToldToWhoAskedAndReleasesTheOtherThreadsQueue)
 {
     start({"--shutdown-timeout", "300"});
     std::unique_ptr<HubClient> watcher = started("watcher");
-    ChildProcess helper(helperProgram(), {"hubloss", "notified", "notify"});
+    ChildProcess notified(helperProgram(), {"hubloss", "notified", "notify"});
+    ChildProcess plain(helperProgram(), {"hubloss", "plain", "release"});
     ASSERT_TRUE(readyThroughClient(*watcher, named("notified")));
-    watcher->close();
-    EXPECT_EQ(mpHub->stop(), 0);
-    EXPECT_EQ(status(helper), 10);
-}
-
-TEST_F(AttachedHub, WithoutBeingAskedTheLossReleasesTheQueueOfTheOtherThreads)
-{
-    start({"--shutdown-timeout", "300"});
-    std::unique_ptr<HubClient> watcher = started("watcher");
-    ChildProcess helper(helperProgram(), {"hubloss", "plain", "release"});
     ASSERT_TRUE(readyThroughClient(*watcher, named("plain")));
     watcher->close();
     EXPECT_EQ(mpHub->stop(), 0);
-    EXPECT_EQ(status(helper), 20);
+    EXPECT_EQ(status(notified), 10);
+    EXPECT_EQ(status(plain), 20);
 }
 
 TEST_F(AttachedHub, AMonitoredProcessRunsStandaloneAndTracesIntoTheHubsBuffer)

@@ -64,9 +64,6 @@ public:
     // Waits for a process to connect; the link of an earlier one is dropped.
     bool accept(int ms = 10000);
     HubTest::HubClient& link() { return *mpLink; }
-    // Whether the trace buffer the Hub lists for the process titled `title`
-    // (a HubMgrMonitorReply body) holds a line with `text`.
-    bool traced(const Brevi::XmlList& monitorReply, const QString& title, const QString& text);
 
     // The next message of `name` from the process; null if none came.
     boost::shared_ptr<Brevi::MsgPacket> wait(const QString& name, int ms = 10000);

@@ -5,7 +5,6 @@
 #include "core/fixedpath.h"
 #include "core/sharedmemoryprovider.h"
 #include "messaging/messaging.h"
-#include "sockets/tcpsocketlisten.h"
 
 #include "testhome.h"
 #include "tracelines.h"
@@ -90,22 +89,6 @@ TEST(ContextRun, SecondOverloadPassesArgumentsAndResult)
     EXPECT_TRUE(Context::run([](int& out, int argc, char** const args) { out = argc * 10 + int(std::strlen(args[1])); },
                              result, 2, argv, NoMessaging, 0, "Args"));
     EXPECT_EQ(result, 28);
-}
-
-TEST(ContextRun, MessagingTypesDoNotComeUpWithoutTheirObjects)
-{
-    TestHome home;
-    gCalls = 0;
-    // No Hub listens on the port.
-    {
-        const TCPSocketListen probe("Probe", NetAddress(QHostAddress::LocalHost, 0), 1);
-        qputenv("BREVI_HUB_PORT", QByteArray::number(probe.localAddress().getPort()));
-    }
-    EXPECT_FALSE(Context::run(countCall, Context::TypeAttached, Context::FlagAttachOnce, "Attached"));
-    EXPECT_EQ(gCalls, 0);
-    const QString trace = TestHome::readFile(home.trace() + "/attached-" + pidText() + ".tra");
-    EXPECT_TRUE(trace.contains("Failed to attach to Hub"));
-    EXPECT_TRUE(trace.contains("Not launched") || !trace.contains("Launched"));
 }
 
 TEST(ContextRun, StandaloneRunsWithItsOwnMessagingAndReleasesItFirst)
@@ -248,7 +231,6 @@ TEST(ContextTraceFile, AFileWhereTheDirectoryShouldBeIsReplaced)
 TEST(ContextTraceFile, UnwritableDirectoryLeavesTheRing)
 {
     TestHome home;
-    QDir().mkpath(home.path() + "/elsewhere");
     setenv("BREVI_TRACE", "/proc/1/no-trace-here", 1);
     EXPECT_TRUE(Context::run(
         [] {

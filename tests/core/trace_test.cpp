@@ -360,14 +360,6 @@ TEST(TraceFiles, RotationNumbersFilesKeepsTheNewestAndHasTwoIndependentLimits)
     EXPECT_EQ(QDir(dir.path()).entryList({"one*"}, QDir::Files), QStringList{"one.tra"});
 }
 
-TEST(TraceFiles, UnwritableDirectoryLeavesTheRingRunning)
-{
-    Trace trace;
-    EXPECT_FALSE(trace.file("/proc/no/such/dir/trace", 0, 0, TraceFileText));
-    BREVI_TRACE(Module, TraceAlways) << "still traced";
-    EXPECT_EQ(ringTexts(trace).back(), "still traced");
-}
-
 TEST(TraceFiles, BinaryFileHoldsTheRingRecords)
 {
     QTemporaryDir dir;

@@ -9,7 +9,6 @@
 
 #include <QHash>
 #include <QLocale>
-#include <QMap>
 
 #include <gtest/gtest.h>
 
@@ -51,8 +50,6 @@ TEST(HashedString, ComparesOnTextAndCarriesQtsHash)
     byName.insert(HashedString("one"), 1);
     byName.insert(HashedString("two"), 2);
     EXPECT_EQ(byName.value(HashedString("two")), 2);
-    QMap<HashedString, int> ordered{{HashedString("b"), 2}, {HashedString("a"), 1}};
-    EXPECT_EQ(ordered.firstKey().string(), "a");
 }
 
 TEST(MachineName, SplitsAtTheFirstAt)
@@ -124,7 +121,6 @@ TEST(Sha1, GivesThePublishedDigests)
 {
     Sha1 empty;
     EXPECT_EQ(hex(empty.result()), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
-    EXPECT_EQ(empty.result().size(), 20u);
     EXPECT_EQ(hex(empty.result()), "da39a3ee5e6b4b0d3255bfef95601890afd80709") << "the same digest twice";
 
     Sha1 pieces;

@@ -126,6 +126,52 @@ TEST_F(BlocksTest, ContentsAndCountsSurviveReopening)
     EXPECT_TRUE(sound(path("keep")));
 }
 
+TEST_F(BlocksTest, ATransactionReachesTheFileWholeOrNotAtAll)
+{
+    Blocks blocks;
+    ASSERT_TRUE(blocks.create(path("tx"), 64, 0, 64 * 4, RawFile::eReadWrite));
+    quint64 kept = 0;
+    unsigned char* held = static_cast<unsigned char*>(blocks.newBlock(kept));
+    ASSERT_NE(held, nullptr);
+    std::memset(held, 0x11, 64);
+    ASSERT_TRUE(blocks.updateBlock(held));
+    const QByteArray before = fileBytes(path("tx"));
+    const QByteArray freeBefore = fileBytes(path("tx.free"));
+    const quint64 total = blocks.totalBlockCount();
+
+    // Changes a held block and makes enough blocks to grow the file.
+    auto change = [&]() {
+        std::memset(held, 0x22, 64);
+        blocks.updateBlock(held);
+        for (int made = 0; made < 5; ++made) {
+            quint64 id = 0;
+            void* block = blocks.newBlock(id);
+            ASSERT_NE(block, nullptr);
+            std::memset(block, 0x33, 64);
+            blocks.returnBlock(block, true);
+        }
+    };
+    ASSERT_TRUE(blocks.begin());
+    EXPECT_FALSE(blocks.begin()) << "one at a time";
+    change();
+    EXPECT_TRUE(blocks.hasChanges());
+    EXPECT_EQ(fileBytes(path("tx")).left(before.size()), before) << "nothing is written before the commit";
+    blocks.abort();
+    EXPECT_EQ(held[0], 0x11) << "a block still referenced has the file's bytes again";
+    EXPECT_EQ(blocks.totalBlockCount(), total);
+    EXPECT_EQ(fileBytes(path("tx.free")), freeBefore);
+    EXPECT_EQ(fileBytes(path("tx")).left(before.size()), before);
+
+    ASSERT_TRUE(blocks.begin());
+    change();
+    ASSERT_TRUE(blocks.commit());
+    EXPECT_EQ(fileBytes(path("tx"), qint64(kept * 64), 64), QByteArray(64, 0x22));
+    EXPECT_GT(blocks.totalBlockCount(), total);
+    blocks.returnBlock(held);
+    blocks.close();
+    EXPECT_TRUE(sound(path("tx")));
+}
+
 TEST_F(BlocksTest, TheIdSpaceEndsAtTheMask)
 {
     Blocks blocks;

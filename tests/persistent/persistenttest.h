@@ -45,6 +45,16 @@ protected:
     BreviTest::TraceReader moReader{moTrace};
 };
 
+// A checker's report (BlockFileReport, BPlusTreeReport) that must be sound,
+// with its faults when it is not.
+template <typename Report>
+::testing::AssertionResult sound(const Report& report)
+{
+    if (report.sound())
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "not sound: " << report.problems.join("; ").toStdString();
+}
+
 } // namespace PersistentTest
 
 #endif

@@ -107,12 +107,6 @@ TEST(ProcessCreateRefusal, WithoutAHubLinkTheRequestCannotBeSent)
             expectNotStarted(ProcessCreate(route, "indexer"), ProcessCreate::eSendFailed);
             // No wait took place, so no handler was left behind either.
             EXPECT_EQ(Context::messaging()->handlerCount(), handlers);
-
-            // A copy is a record of the same outcome.
-            ProcessCreate copy(byMachine);
-            expectNotStarted(copy, ProcessCreate::eSendFailed);
-            copy = ProcessCreate(MachineName(), "indexer");
-            expectNotStarted(copy, ProcessCreate::eInvalidArguments);
         },
         Context::TypeStandalone);
 }
@@ -258,11 +252,6 @@ TEST_F(ProcessCreateHub, StartedProgramIsReachedAtTheAddressGiven)
         ASSERT_TRUE(Msg(anonymous.address(), "EchoRequest", question).send());
         EXPECT_TRUE(Msg::wait("EchoReply", 20));
 
-        // A copy holds the same outcome and address.
-        const ProcessCreate copy(child);
-        EXPECT_TRUE(copy);
-        EXPECT_EQ(copy.address(), child.address());
-
         EXPECT_TRUE(Msg(child.address(), "QuitPost").send(true));
         EXPECT_TRUE(Msg(anonymous.address(), "QuitPost").send(true));
     });
@@ -290,20 +279,6 @@ TEST_F(ProcessCreateHub, TheHubsRefusalsBecomeResults)
             EXPECT_FALSE(request.address()) << c.program;
         }
         EXPECT_EQ(Context::messaging()->handlerCount(), handlers);
-    });
-}
-
-TEST_F(ProcessCreateHub, EmptyArgumentsSendNothing)
-{
-    attached([] {
-        EXPECT_EQ(ProcessCreate(Context::machineName(), QString()).error(), ProcessCreate::eInvalidArguments);
-        EXPECT_EQ(ProcessCreate(MachineName(), "echochild").error(), ProcessCreate::eInvalidArguments);
-        // A request that went out would have been answered ("Invalid" for no
-        // program) or returned.
-        const Msg answer =
-            Msg::wait(QStringList{HubMgrCreateProcessReply::Message, HubRtrUndeliverableMessagePost::Message}, 2);
-        EXPECT_FALSE(answer) << answer.name().toStdString();
-        EXPECT_EQ(answer.lastError(), Brevi::eMsgResultTimeout);
     });
 }
 
