@@ -12,6 +12,7 @@
 #include <QTextCodec>
 #include <QTextStream>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <ctime>
@@ -42,6 +43,12 @@ const char* const BranchName = "RC0610";
 // A reader in another process takes no lock: each stage of a record must be
 // in memory before the next one points at it.
 inline void publish() { std::atomic_thread_fence(std::memory_order_release); }
+
+const QString& nullText()
+{
+    static const QString text = QStringLiteral("(null)");
+    return text;
+}
 
 // The source file's base name: behind the last '\' or '/', before the last '.'.
 QString sourceBaseName(const char* file)
@@ -157,14 +164,14 @@ void Trace::ringWriteWrapping(const void* bytes, unsigned n)
     }
 }
 
-void Trace::ringWriteByte(unsigned char byte)
+inline void Trace::ringWriteByte(unsigned char byte)
 {
     mpucBuffer[muiWrite] = byte;
     if (++muiWrite == muiBufferSize)
         muiWrite = RingOffset;
 }
 
-unsigned Trace::ringDistance(unsigned from, unsigned to) const
+inline unsigned Trace::ringDistance(unsigned from, unsigned to) const
 {
     return to >= from ? to - from : muiBufferSize - from + to - RingOffset;
 }
@@ -233,14 +240,14 @@ void Trace::disable()
 
 void Trace::updateTimeText()
 {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
+    const TraceClock::Reading now = moClock.now();
     // The local-time text changes once a second; only the milliseconds are
     // made on every line.
-    if (now.tv_sec != mllTimeSecond) {
-        mllTimeSecond = now.tv_sec;
+    if (now.seconds != mllTimeSecond) {
+        mllTimeSecond = now.seconds;
+        const time_t seconds = time_t(now.seconds);
         tm local;
-        localtime_r(&now.tv_sec, &local);
+        localtime_r(&seconds, &local);
         const int parts[4] = {local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec};
         for (int i = 0; i < 4; ++i) {
             macTime[2 * i] = char('0' + parts[i] / 10);
@@ -248,7 +255,7 @@ void Trace::updateTimeText()
         }
         macTime[8] = '.';
     }
-    const unsigned ms = unsigned(now.tv_nsec / 1000000);
+    const unsigned ms = now.nanoseconds / 1000000;
     macTime[9] = char('0' + ms / 100);
     macTime[10] = char('0' + ms / 10 % 10);
     macTime[11] = char('0' + ms % 10);
@@ -274,7 +281,7 @@ inline void Trace::endValue()
         muiWrite = muiCommitted;
 }
 
-void Trace::entry(int indent, const char* file, unsigned line)
+void Trace::entry(int indent, const TraceSite& site, unsigned line)
 {
     if (!mbLine)
         return;
@@ -283,13 +290,18 @@ void Trace::entry(int indent, const char* file, unsigned line)
     // the positive one it closes.
     if (indent < 0 && msIndent.size() >= -indent)
         msIndent.chop(-indent);
-    if (file != mpcLastFile) {
-        mpcLastFile = file;
-        msSourceName = sourceBaseName(file);
+    const char16_t* name = site.name();
+    unsigned nameLength = site.length();
+    if (!name) {
+        if (site.file() != mpcLastFile) {
+            mpcLastFile = site.file();
+            msSourceName = sourceBaseName(site.file());
+        }
+        name = reinterpret_cast<const char16_t*>(msSourceName.constData());
+        nameLength = unsigned(msSourceName.size());
     }
     muiSourceLine = line;
 
-    const unsigned nameLength = unsigned(msSourceName.size());
     muiRoom = muiRecordMax;
     if (muiRoom > 2 * nameLength + HeaderSize + FixedFieldsSize) {
         muiWrite = muiRecordStart + HeaderSize;
@@ -304,7 +316,7 @@ void Trace::entry(int indent, const char* file, unsigned line)
         ByteOrder::store32(fixed + (SourceLineOffset - TimeOffset), line);
         ByteOrder::store16(fixed + (SourceLengthOffset - TimeOffset), static_cast<std::uint16_t>(nameLength));
         ringWrite(fixed, FixedFieldsSize);
-        writeString16Payload(msSourceName);
+        writeString16Payload(name, nameLength);
         muiRoom -= HeaderSize + FixedFieldsSize + 2 * nameLength;
         muiCommitted = muiWrite;
     } else {
@@ -315,7 +327,7 @@ void Trace::entry(int indent, const char* file, unsigned line)
     if (mpoText) {
         QTextStream& out = *mpoText;
         const QString module = moModules.value(muiModule, QString::number(muiModule));
-        const QString source = msSourceName.left(14) + ':' + QString::number(line);
+        const QString source = QString::fromUtf16(name, int(std::min(nameLength, 14u))) + ':' + QString::number(line);
         out << macTime << ' ' << int(meLevel) << ' ';
         out << qSetFieldWidth(12) << Qt::left << module.left(12) << qSetFieldWidth(0) << ' ';
         out << qSetFieldWidth(20) << source << qSetFieldWidth(0) << Qt::right << ' ' << msIndent;
@@ -326,21 +338,21 @@ void Trace::entry(int indent, const char* file, unsigned line)
         msIndent.append(QString(indent, QLatin1Char(' ')));
 }
 
-void Trace::writeString16Payload(const QString& text)
+inline void Trace::writeString16Payload(const char16_t* text, unsigned length)
 {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    ringWrite(text.utf16(), 2 * unsigned(text.size()));
+    ringWrite(text, 2 * length);
 #else
-    for (QChar c : text) {
-        ringWriteByte(static_cast<unsigned char>(c.unicode()));
-        ringWriteByte(static_cast<unsigned char>(c.unicode() >> 8));
+    for (unsigned i = 0; i < length; ++i) {
+        ringWriteByte(static_cast<unsigned char>(text[i]));
+        ringWriteByte(static_cast<unsigned char>(text[i] >> 8));
     }
 #endif
 }
 
 // Type, format word and the length's low 16 bits: a length above 65535 keeps
 // only those bits, as the record's field is 16 bits wide.
-void Trace::writeStringHeader(ValueType type, unsigned length)
+inline void Trace::writeStringHeader(ValueType type, unsigned length)
 {
     unsigned char header[5] = {type, static_cast<unsigned char>(muiFormat), static_cast<unsigned char>(muiFormat >> 8),
                                static_cast<unsigned char>(length), static_cast<unsigned char>(length >> 8)};
@@ -363,12 +375,11 @@ Trace& Trace::operator<<(const QString& value)
 {
     if (!mbLine)
         return *this;
-    static const QString null = QStringLiteral("(null)");
-    const QString& text = value.isEmpty() ? null : value;
+    const QString& text = value.isEmpty() ? nullText() : value;
     const unsigned payload = 2 * unsigned(text.size());
     if (reserve(payload + 6, payload + 5)) {
         writeStringHeader(ValueString16, unsigned(text.size()));
-        writeString16Payload(text);
+        writeString16Payload(reinterpret_cast<const char16_t*>(text.constData()), unsigned(text.size()));
     }
     if (mpoText)
         TraceFormat::writeString(*mpoText, muiFormat, value, true);
@@ -603,7 +614,7 @@ void Trace::writeVersionLine()
         return;
     mbWritingVersion = true;
     {
-        TraceLine line(*this, 0, __FILE__, __LINE__);
+        TraceLine line(*this, 0, BREVI_TRACE_SITE, __LINE__);
         line << "Major Version:" << BREVI_VERSION_MAJOR << "Minor version:" << BREVI_VERSION_MINOR << "Build number"
              << BREVI_VERSION_BUILD;
         if (BranchName[0] == 0)

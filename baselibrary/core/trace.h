@@ -2,6 +2,7 @@
 #define BASELIBRARY_CORE_TRACE_H
 
 #include "brevi_export.h"
+#include "core/traceclock.h"
 #include "core/tracelayout.h"
 
 #include <QFile>
@@ -81,6 +82,54 @@ struct TraceWidthS {
     unsigned width;
 };
 
+// The source file of a trace call site, with the base name its records carry
+// (behind the last '/' or '\', before the last '.') made once, at compile
+// time, as the record's 16-bit characters. The trace macros keep one per call
+// site, so that a line costs a copy of the name and never its conversion.
+class TraceSite
+{
+public:
+    static const unsigned MaximumLength = 40;
+
+    constexpr explicit TraceSite(const char* file)
+        : mpcFile(file)
+    {
+        if (!file)
+            return;
+        const char* start = file;
+        for (const char* p = file; *p; ++p)
+            if (*p == '/' || *p == '\\')
+                start = p + 1;
+        const char* end = nullptr;
+        for (const char* p = start; *p; ++p)
+            if (*p == '.')
+                end = p;
+        if (!end)
+            for (end = start; *end; ++end) {
+            }
+        if (unsigned(end - start) > MaximumLength)
+            return;
+        for (const char* p = start; p != end; ++p) {
+            if (static_cast<unsigned char>(*p) >= 0x80)
+                return;
+            macName[muiLength++] = static_cast<char16_t>(*p);
+        }
+        mbMade = true;
+    }
+
+    constexpr const char* file() const { return mpcFile; }
+    // Null when the name is longer than MaximumLength or not plain ASCII:
+    // the Trace then makes it from the file name itself.
+    constexpr const char16_t* name() const { return mbMade ? macName : nullptr; }
+    constexpr unsigned length() const { return muiLength; }
+
+private:
+    const char* mpcFile = nullptr;
+    char16_t macName[MaximumLength] = {};
+    unsigned muiLength = 0;
+    bool mbMade = false;
+};
+
 class Trace;
 namespace TraceDetail {
 // The calling thread's Trace. A plain thread-local pointer, so that a
@@ -118,7 +167,8 @@ public:
         return current && current->doTrace(module, level) ? current : nullptr;
     }
 
-    void entry(int indent, const char* file, unsigned line);
+    void entry(int indent, const TraceSite& site, unsigned line);
+    void entry(int indent, const char* file, unsigned line) { entry(indent, TraceSite(file), line); }
     void flush();
 
     Trace& operator<<(const char* value);
@@ -226,7 +276,7 @@ private:
     // True when the room allows `need`, then takes `take` of it.
     bool reserve(unsigned need, unsigned take);
     void writeStringHeader(TraceLayout::ValueType type, unsigned length);
-    void writeString16Payload(const QString& text);
+    void writeString16Payload(const char16_t* text, unsigned length);
     template <typename T>
     void writeInteger(TraceLayout::ValueType type, T value);
     void endValue();
@@ -241,10 +291,12 @@ private:
     unsigned muiSourceLine = 0;
 
     // Time of the current line: the local-time text is made once per second.
+    TraceClock moClock;
     long long mllTimeSecond = -1;
     char macTime[13] = {};
 
-    // The source base name of the last call site, which loops hit again.
+    // The source base name of the last call site whose TraceSite could not
+    // make it, which loops hit again.
     const char* mpcLastFile = nullptr;
     QString msSourceName;
     QString msIndent;
@@ -287,10 +339,10 @@ inline TraceWidthS width(unsigned n) { return TraceWidthS{n}; }
 class TraceLine
 {
 public:
-    TraceLine(Trace& trace, int indent, const char* file, unsigned line)
+    TraceLine(Trace& trace, int indent, const TraceSite& site, unsigned line)
         : mrTrace(trace)
     {
-        trace.entry(indent, file, line);
+        trace.entry(indent, site, line);
     }
     ~TraceLine() { mrTrace.flush(); }
     TraceLine(const TraceLine&) = delete;
@@ -320,7 +372,14 @@ private:
 #define BREVI_TRACE_INDENT(module, level, indent)                                                                      \
     for (::Brevi::Trace* breviTraceTo_ = ::Brevi::Trace::trace((module), (level)); breviTraceTo_;                      \
          breviTraceTo_ = nullptr)                                                                                      \
-    ::Brevi::TraceLine(*breviTraceTo_, (indent), __FILE__, __LINE__)
+    ::Brevi::TraceLine(*breviTraceTo_, (indent), BREVI_TRACE_SITE, __LINE__)
+
+// This call site's TraceSite, made by the compiler.
+#define BREVI_TRACE_SITE                                                                                               \
+    []() -> const ::Brevi::TraceSite& {                                                                                \
+        static constexpr ::Brevi::TraceSite breviSite_(__FILE__);                                                      \
+        return breviSite_;                                                                                             \
+    }()
 
 #define BREVI_TRACE(module, level) BREVI_TRACE_INDENT(module, level, 0)
 
