@@ -6,6 +6,7 @@
 
 #include <QFile>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -30,6 +31,8 @@ struct BlockCache::Block {
     unsigned uiRefCount;
     Block* poNext;
     Block* poPrevious;
+    // The next block in the same chain of the table.
+    Block* poHashNext;
     quint64 ullId;
 
     unsigned char* data() { return reinterpret_cast<unsigned char*>(this) + sizeof(Block); }
@@ -39,10 +42,84 @@ struct BlockCache::Block {
     }
 };
 
+unsigned BlockCache::Table::bucketOf(quint64 id) const
+{
+    // Fibonacci hashing: the top bits of the product spread ids that differ
+    // only in their low bits, which is how block ids come.
+    return unsigned((id * 0x9e3779b97f4a7c15ull) >> uiShift);
+}
+
+BlockCache::Block* BlockCache::Table::value(quint64 id) const
+{
+    if (oBuckets.empty())
+        return nullptr;
+    Block* block = oBuckets[bucketOf(id)];
+    while (block && block->ullId != id)
+        block = block->poHashNext;
+    return block;
+}
+
+void BlockCache::Table::insert(Block* block)
+{
+    if (uiCount >= oBuckets.size()) {
+        // Twice the chains, at least 64: the blocks are relinked, not copied.
+        std::vector<Block*> old(std::max<size_t>(64, 2 * oBuckets.size()), nullptr);
+        old.swap(oBuckets);
+        uiShift = 64;
+        for (size_t n = oBuckets.size(); n > 1; n >>= 1)
+            --uiShift;
+        for (Block* chain : old) {
+            while (chain) {
+                Block* next = chain->poHashNext;
+                Block*& head = oBuckets[bucketOf(chain->ullId)];
+                chain->poHashNext = head;
+                head = chain;
+                chain = next;
+            }
+        }
+    }
+    Block*& head = oBuckets[bucketOf(block->ullId)];
+    block->poHashNext = head;
+    head = block;
+    ++uiCount;
+}
+
+void BlockCache::Table::remove(Block* block)
+{
+    if (oBuckets.empty())
+        return;
+    for (Block** link = &oBuckets[bucketOf(block->ullId)]; *link; link = &(*link)->poHashNext) {
+        if (*link == block) {
+            *link = block->poHashNext;
+            block->poHashNext = nullptr;
+            --uiCount;
+            return;
+        }
+    }
+}
+
+template <typename F>
+void BlockCache::Table::forEach(F f) const
+{
+    for (Block* chain : oBuckets) {
+        while (chain) {
+            Block* next = chain->poHashNext;
+            f(chain);
+            chain = next;
+        }
+    }
+}
+
+void BlockCache::Table::clear()
+{
+    std::fill(oBuckets.begin(), oBuckets.end(), nullptr);
+    uiCount = 0;
+}
+
 BlockCache::BlockCache(unsigned cacheSize, bool writeThrough)
     : mbWriteThrough(writeThrough)
     , muiCacheSize(cacheSize)
-{ }
+{}
 
 BlockCache::~BlockCache()
 {
@@ -139,8 +216,8 @@ BlockCache::Block* BlockCache::validBlock(const void* data) const
     bool valid = block->uiGuard == GuardWord && moHash.value(block->ullId) == block;
     if (valid) {
         unsigned trailer;
-        std::memcpy(
-            &trailer, reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned), sizeof(unsigned));
+        std::memcpy(&trailer, reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned),
+                    sizeof(unsigned));
         valid = trailer == GuardWord;
     }
     if (!valid) {
@@ -167,9 +244,10 @@ void BlockCache::fillHeader(Block* block, quint64 id)
     block->uiRefCount = 1;
     block->poNext = nullptr;
     block->poPrevious = nullptr;
+    block->poHashNext = nullptr;
     block->ullId = id;
-    std::memcpy(
-        reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned), &GuardWord, sizeof(unsigned));
+    std::memcpy(reinterpret_cast<unsigned char*>(block) + muiAllocationSize - sizeof(unsigned), &GuardWord,
+                sizeof(unsigned));
 }
 
 void BlockCache::releaseBlock(Block* block)
@@ -179,12 +257,13 @@ void BlockCache::releaseBlock(Block* block)
     std::free(block);
 }
 
-bool BlockCache::positionTo(quint64 id)
+bool BlockCache::placeOf(quint64 id, quint64& position) const
 {
     const quint64 index = id & mullIdMask;
     if (index > quint64(std::numeric_limits<qint64>::max()) / muiBlockSize)
         return false;
-    return moFile.setPosition(qint64(index * muiBlockSize), RawFile::eStart);
+    position = index * muiBlockSize;
+    return true;
 }
 
 void BlockCache::checkInvariant() const
@@ -229,7 +308,7 @@ void* BlockCache::getBlock(quint64 id)
             block = headFromLRU();
             if (block) {
                 flushBlock(block);
-                moHash.remove(block->ullId);
+                moHash.remove(block);
             } else {
                 traceBusy();
             }
@@ -240,26 +319,27 @@ void* BlockCache::getBlock(quint64 id)
             return block->data();
         }
         // A discarded block that someone still holds: its memory is read afresh.
-        moHash.remove(id);
+        moHash.remove(block);
     }
     if (!block)
         block = allocateBlock();
     if (!block)
         return nullptr;
     fillHeader(block, id);
-    if (!positionTo(id)) {
+    quint64 position = 0;
+    if (!placeOf(id, position)) {
         BTRACE(TraceAlways) << msShortName << "Unable to position to block" << (id & mullIdMask);
         releaseBlock(block);
         return nullptr;
     }
-    Extent extent(block->data(), muiBlockSize);
-    moFile.read(extent);
-    if (extent.available() != 0) {
+    // One pread: the file position is nobody's state, so a miss costs one
+    // system call.
+    if (moFile.readAt(position, block->data(), muiBlockSize) != muiBlockSize) {
         BTRACE(TraceAlways) << msShortName << "Block" << id << "not in file";
         releaseBlock(block);
         return nullptr;
     }
-    moHash.insert(id, block);
+    moHash.insert(block);
     checkInvariant();
     return block->data();
 }
@@ -301,7 +381,7 @@ void* BlockCache::newBlock(quint64 id)
             block = discardedFromLRU();
             if (block) {
                 BTRACE(TraceVerbose) << msShortName << "Remove discarded block" << block->ullId << "from cache";
-                moHash.remove(block->ullId);
+                moHash.remove(block);
             }
         } else {
             // The cache is write-through for every user that makes blocks, so
@@ -309,7 +389,7 @@ void* BlockCache::newBlock(quint64 id)
             block = headFromLRU();
             if (block) {
                 BTRACE(TraceVerbose) << msShortName << "Remove block" << block->ullId << "from cache";
-                moHash.remove(block->ullId);
+                moHash.remove(block);
             } else {
                 traceBusy();
             }
@@ -321,22 +401,22 @@ void* BlockCache::newBlock(quint64 id)
         return nullptr;
     fillHeader(block, id);
     std::memset(block->data(), 0, muiBlockSize);
-    moHash.insert(id, block);
+    moHash.insert(block);
     if (mbHolding) {
         holdBlock(block);
     } else if (mbWriteThrough) {
         bool written = false;
-        if (!positionTo(id)) {
+        quint64 position = 0;
+        if (!placeOf(id, position)) {
             BTRACE(TraceAlways) << msShortName << "Failed to position to new block" << id;
         } else {
-            const Extent extent(block->data(), muiBlockSize);
-            written = moFile.write(extent) && extent.available() == 0;
+            written = moFile.writeAt(position, block->data(), muiBlockSize) == muiBlockSize;
             if (!written)
                 BTRACE(TraceAlways) << msShortName << "Failed to write new block" << id;
         }
         if (!written) {
             // Nothing may keep pointing at memory that is given back.
-            moHash.remove(id);
+            moHash.remove(block);
             releaseBlock(block);
             checkInvariant();
             return nullptr;
@@ -357,7 +437,7 @@ void BlockCache::lastReference(Block* block)
     if (muiCacheSize != 0) {
         addToLRU(block);
     } else {
-        moHash.remove(block->ullId);
+        moHash.remove(block);
         releaseBlock(block);
     }
 }
@@ -402,12 +482,12 @@ bool BlockCache::updateBlock(const void* data)
         block->bDirty = true;
         return true;
     }
-    if (!positionTo(block->ullId)) {
+    quint64 position = 0;
+    if (!placeOf(block->ullId, position)) {
         BTRACE(TraceAlways) << msShortName << "Failed to position for write" << block->ullId;
         return false;
     }
-    const Extent extent(block->data(), muiBlockSize);
-    if (!moFile.write(extent) || extent.available() != 0) {
+    if (moFile.writeAt(position, block->data(), muiBlockSize) != muiBlockSize) {
         BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << block->ullId;
         return false;
     }
@@ -436,11 +516,11 @@ quint64 BlockCache::freeBlock(const void* data)
     block->bDirty = false;
     if (mbHolding) {
         holdZeros(block);
-    } else if (!positionTo(id)) {
-        BTRACE(TraceAlways) << msShortName << "Failed to position for zero freed block" << id;
     } else {
-        const Extent extent(moZeroBlock.data(), muiBlockSize);
-        if (!moFile.write(extent) || extent.available() != 0)
+        quint64 position = 0;
+        if (!placeOf(id, position))
+            BTRACE(TraceAlways) << msShortName << "Failed to position for zero freed block" << id;
+        else if (moFile.writeAt(position, moZeroBlock.data(), muiBlockSize) != muiBlockSize)
             BTRACE(TraceAlways) << msShortName << "Failed to zero freed block" << id;
     }
     if (block->uiRefCount == 0) {
@@ -548,23 +628,20 @@ bool BlockCache::flush()
 {
     if (mbWriteThrough)
         return true;
-    for (Block* block : qAsConst(moHash))
-        flushBlock(block);
+    moHash.forEach([this](Block* block) { flushBlock(block); });
     return true;
 }
 
 void BlockCache::emptyCache()
 {
     // What a transaction left unwritten is forgotten, never written.
-    for (Block* block : qAsConst(moHash))
-        block->bHeld = false;
+    moHash.forEach([](Block* block) { block->bHeld = false; });
     moHeld.clear();
     muiHeldBlocks = 0;
     moHeldControl.clear();
     mbHolding = false;
     flush();
-    for (Block* block : qAsConst(moHash))
-        releaseBlock(block);
+    moHash.forEach([this](Block* block) { releaseBlock(block); });
     moHash.clear();
     // The list's blocks have gone with the hash.
     mpoLRUHead = mpoLRUTail = nullptr;
@@ -642,12 +719,12 @@ void BlockCache::heldChanges(std::vector<JournalChange>& changes, unsigned file)
 
 bool BlockCache::writeAt(quint64 id, const void* data)
 {
-    if (!positionTo(id)) {
+    quint64 position = 0;
+    if (!placeOf(id, position)) {
         BTRACE(TraceAlways) << msShortName << "Failed to position to write block" << id;
         return false;
     }
-    const Extent extent(data, muiBlockSize);
-    if (!moFile.write(extent) || extent.available() != 0) {
+    if (moFile.writeAt(position, data, muiBlockSize) != muiBlockSize) {
         BTRACE(TraceAlways) << msShortName << "Failed to write whole block" << id;
         return false;
     }
@@ -694,7 +771,7 @@ bool BlockCache::dropHeld()
         if (block->uiRefCount == 0) {
             if (listed)
                 removeFromLRU(block);
-            moHash.remove(block->ullId);
+            moHash.remove(block);
             releaseBlock(block);
             continue;
         }
@@ -702,13 +779,21 @@ bool BlockCache::dropHeld()
         // behind it again.
         block->bDiscard = false;
         block->bDirty = false;
-        Extent extent(block->data(), muiBlockSize);
-        if (!positionTo(block->ullId) || !moFile.read(extent)) {
+        quint64 position = 0;
+        size_t read = 0;
+        if (!placeOf(block->ullId, position)) {
             BTRACE(TraceAlways) << msShortName << "Failed to read block" << block->ullId << "again";
             restored = false;
+        } else {
+            read = moFile.readAt(position, block->data(), muiBlockSize);
+            // Short without an error: the end of the file.
+            if (read != muiBlockSize && moFile.lastError() != 0) {
+                BTRACE(TraceAlways) << msShortName << "Failed to read block" << block->ullId << "again";
+                restored = false;
+            }
         }
         // A block made beyond the end of the file reads as the zeros it was.
-        std::memset(extent.at(), 0, extent.available());
+        std::memset(block->data() + read, 0, muiBlockSize - read);
     }
     moHeld.clear();
     moHeldControl.clear();

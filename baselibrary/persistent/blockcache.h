@@ -7,7 +7,6 @@
 #include "persistent/journal.h"
 #include "persistent/rawfile.h"
 
-#include <QHash>
 #include <QString>
 
 #include <map>
@@ -157,7 +156,9 @@ private:
     void releaseBlock(Block* block);
     void lastReference(Block* block);
     bool flushBlock(Block* block);
-    bool positionTo(quint64 id);
+    // Where block `id` starts in the file; false when that lies beyond what
+    // a file offset can say.
+    bool placeOf(quint64 id, quint64& position) const;
     void addToLRU(Block* block);
     void removeFromLRU(Block* block);
     Block* discardedFromLRU();
@@ -178,7 +179,26 @@ private:
     unsigned muiCacheSize;
     RawFile moFile;
     QString msShortName;
-    QHash<quint64, Block*> moHash;
+    // The blocks in memory by full id, chained through the blocks themselves:
+    // a block coming into memory or leaving it allocates nothing, and a
+    // look-up is one multiplication and a walk along a chain of about one.
+    struct Table {
+        Block* value(quint64 id) const;
+        void insert(Block* block);
+        void remove(Block* block);
+        int size() const { return int(uiCount); }
+        // Calls `f` on every block; `f` may free the block it is given.
+        template <typename F>
+        void forEach(F f) const;
+        void clear();
+        unsigned bucketOf(quint64 id) const;
+
+        std::vector<Block*> oBuckets;
+        unsigned uiCount = 0;
+        // 64 minus the bucket count's power of two.
+        unsigned uiShift = 64;
+    };
+    Table moHash;
     Block* mpoLRUHead = nullptr;
     Block* mpoLRUTail = nullptr;
     unsigned muiBlockSize = 0;

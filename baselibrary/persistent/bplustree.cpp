@@ -369,21 +369,75 @@ BPlusTree::NodePtr BPlusTree::readNode(quint64 id, bool root)
         return NodePtr();
     }
     NodePtr node = boost::make_shared<Node>(body.mptBlocks, id, data, body.moParameters, false);
+    if (!acceptNode(*node, misses, root))
+        return NodePtr();
+    moNodeHash.push_back(node);
+    return node;
+}
+
+bool BPlusTree::acceptNode(Node& node, quint64 misses, bool root)
+{
+    const Blocks& blocks = *mptBody->mptBlocks;
     // A block the cache already held has been checked when it came from the
     // file, and the tree keeps what it writes well formed.
     const char* problem = nullptr;
-    if (body.mptBlocks->cacheMisses() != misses || !body.mptBlocks->cacheSize())
-        problem = BPlusTreeCheck::nodeProblem(node->data(), body.moParameters);
-    if (!problem && node->isRoot() != root)
+    if (blocks.cacheMisses() != misses || !blocks.cacheSize())
+        problem = BPlusTreeCheck::nodeProblem(node.data(), mptBody->moParameters);
+    if (!problem && node.isRoot() != root)
         problem = root ? "root flag missing" : "root flag on a node below the root";
-    if (problem) {
-        BTRACE(TraceAlways) << "Corrupt node" << id << problem;
+    if (!problem)
+        return true;
+    BTRACE(TraceAlways) << "Corrupt node" << node.id() << problem;
+    meLastError = eFileError;
+    node.discard();
+    return false;
+}
+
+const Node* BPlusTree::visitNode(quint64 id, std::optional<Node>& held)
+{
+    held.reset();
+    Body& body = *mptBody;
+    if (body.mptRoot->id() == id)
+        return body.mptRoot.get();
+    if (!id)
+        return nullptr;
+    const quint64 misses = body.mptBlocks->cacheMisses();
+    void* data = body.mptBlocks->getBlock(id);
+    if (!data) {
+        BTRACE(TraceAlways) << "Failed to read node" << id;
         meLastError = eFileError;
-        node->discard();
-        return NodePtr();
+        return nullptr;
     }
-    moNodeHash.push_back(node);
-    return node;
+    held.emplace(body.mptBlocks, id, data, body.moParameters, false);
+    if (!acceptNode(*held, misses, false)) {
+        held.reset();
+        return nullptr;
+    }
+    return &*held;
+}
+
+bool BPlusTree::tooDeep(unsigned depth)
+{
+    if (depth < MaximumDepth)
+        return false;
+    BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
+    meLastError = eFileError;
+    return true;
+}
+
+const Node* BPlusTree::lookUp(const KeyHash& hash, unsigned& slot, int& iFindResult, std::optional<Node>& held)
+{
+    const Node* node = mptBody->mptRoot.get();
+    for (unsigned depth = 0;; ++depth) {
+        slot = node->findKey(iFindResult, hash);
+        if (node->isLeaf())
+            return node;
+        if (tooDeep(depth))
+            return nullptr;
+        node = visitNode(node->child(slot), held);
+        if (!node)
+            return nullptr;
+    }
 }
 
 void BPlusTree::deleteNode(quint64 id)
@@ -400,11 +454,8 @@ BPlusTree::NodePtr BPlusTree::descend(const KeyHash& hash, unsigned& slot, int& 
         slot = node->findKey(iFindResult, hash);
         if (node->isLeaf())
             return node;
-        if (depth >= MaximumDepth) {
-            BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
-            meLastError = eFileError;
+        if (tooDeep(depth))
             return NodePtr();
-        }
         node = readNode(node->child(slot));
         if (!node)
             return NodePtr();
@@ -414,23 +465,36 @@ BPlusTree::NodePtr BPlusTree::descend(const KeyHash& hash, unsigned& slot, int& 
 BPlusTree::NodePtr BPlusTree::nextLeaf(const NodePtr& leaf, quint64& steps, bool release)
 {
     const quint64 id = leaf->next();
-    if (!id)
+    if (!mayStepTo(id, steps))
         return NodePtr();
+    if (release && leaf != mpoNode && leaf != mptBody->mptRoot)
+        releaseNode(leaf->id());
+    NodePtr next = readNode(id);
+    if (next && !reachedLeaf(*next, id))
+        return NodePtr();
+    return next;
+}
+
+bool BPlusTree::mayStepTo(quint64 id, quint64& steps)
+{
+    if (!id)
+        return false;
     // A chain longer than the file has blocks is a loop.
     if (++steps > mptBody->mptBlocks->totalBlockCount()) {
         BTRACE(TraceAlways) << "Corrupt leaf chain: it loops at" << id;
         meLastError = eFileError;
-        return NodePtr();
+        return false;
     }
-    if (release && leaf != mpoNode && leaf != mptBody->mptRoot)
-        releaseNode(leaf->id());
-    NodePtr next = readNode(id);
-    if (next && !next->isLeaf()) {
-        BTRACE(TraceAlways) << "Corrupt leaf chain: node" << id << "is not a leaf";
-        meLastError = eFileError;
-        return NodePtr();
-    }
-    return next;
+    return true;
+}
+
+bool BPlusTree::reachedLeaf(const Node& node, quint64 id)
+{
+    if (node.isLeaf())
+        return true;
+    BTRACE(TraceAlways) << "Corrupt leaf chain: node" << id << "is not a leaf";
+    meLastError = eFileError;
+    return false;
 }
 
 bool BPlusTree::insert(Key& key)
@@ -494,11 +558,8 @@ BPlusTree::InsertResult BPlusTree::insertKey(Key& key, const NodePtr& node, KeyH
     const unsigned slot = node->findKey(iFindResult, hash);
 
     if (!node->isLeaf()) {
-        if (depth >= MaximumDepth) {
-            BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
-            meLastError = eFileError;
+        if (tooDeep(depth))
             return eInsertFailed;
-        }
         NodePtr child = readNode(node->child(slot));
         if (!child)
             return eInsertFailed;
@@ -610,7 +671,17 @@ bool BPlusTree::find(const Key& key)
 {
     if (!begin("find"))
         return false;
-    const bool found = doFind(key);
+    const KeyHash hash = key.hash();
+    bool found = false;
+    if (hash.sequence()) {
+        std::optional<Node> held;
+        unsigned slot = 0;
+        int iFindResult = 0;
+        const Node* leaf = lookUp(hash, slot, iFindResult, held);
+        found = leaf && !iFindResult;
+        if (found && !key.equal(leaf->getData(slot)))
+            BTRACE(TraceAlways) << "Error: `roKey.equal(mpoNode->getData(muiSlot))' failed.";
+    }
     finishOperation();
     return found;
 }
@@ -623,9 +694,10 @@ bool BPlusTree::find(Key& key)
     // Descending by sequence 1 rather than 0 lands on the leaf that holds the
     // hash's first record when that record starts a leaf, instead of on the
     // leaf before it; the walk then starts just before the place found.
+    std::optional<Node> held;
     unsigned slot = 0;
     int iFindResult = 0;
-    NodePtr node = descend(KeyHash(hash.hash(), 1), slot, iFindResult);
+    const Node* node = lookUp(KeyHash(hash.hash(), 1), slot, iFindResult, held);
     if (node && !iFindResult)
         --slot;
     bool found = false;
@@ -633,7 +705,10 @@ bool BPlusTree::find(Key& key)
     while (node) {
         if (slot >= node->entryCount()) {
             BTRACE(TraceDebug) << "Time for the next node";
-            node = nextLeaf(node, steps, true);
+            const quint64 id = node->next();
+            node = mayStepTo(id, steps) ? visitNode(id, held) : nullptr;
+            if (node && !reachedLeaf(*node, id))
+                node = nullptr;
             slot = 0;
             continue;
         }
@@ -744,9 +819,7 @@ BPlusTree::DeleteResult BPlusTree::deleteKey(const Key& key, const NodePtr& node
         return eDeleteDone;
     }
 
-    if (depth >= MaximumDepth) {
-        BTRACE(TraceAlways) << "Corrupt tree: no leaf within" << MaximumDepth << "levels";
-        meLastError = eFileError;
+    if (tooDeep(depth)) {
         mullRebalanceId = 0;
         return eDeleteDone;
     }

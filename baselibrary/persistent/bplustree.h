@@ -12,6 +12,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <optional>
 #include <vector>
 
 namespace Brevi {
@@ -158,6 +159,21 @@ private:
     void releaseNode(quint64 id);
     NodePtr newNode(bool leaf);
     NodePtr readNode(quint64 id, bool root = false);
+    // Whether a node just got from the cache is well formed (checked only
+    // when its block came from the file, `misses` being the cache's count
+    // before) and has the root flag as it should; if not, traced, eFileError
+    // and the block forgotten.
+    bool acceptNode(Node& node, quint64 misses, bool root);
+    // The look-ups of find() pass through nodes without keeping them: one
+    // level's block is held in `held`, on the caller's stack, until the next
+    // is got, so that a descent allocates nothing and leaves the node hash
+    // alone. visitNode() gives back what `held` had and puts node `id` there
+    // (the root is never put there); null when it cannot be read.
+    const Node* visitNode(quint64 id, std::optional<Node>& held);
+    // A descent that has gone `depth` levels down without a leaf is walking a
+    // cycle: traced, eFileError.
+    bool tooDeep(unsigned depth);
+    const Node* lookUp(const KeyHash& hash, unsigned& slot, int& iFindResult, std::optional<Node>& held);
     void deleteNode(quint64 id);
     // Descends by the key's full KeyHash to mpoNode and muiSlot.
     bool doFind(const Key& key);
@@ -165,6 +181,10 @@ private:
     // The next leaf to the right, for walks along the leaves; null at the right
     // edge or on a damaged chain. `release` lets go of the leaf left behind.
     NodePtr nextLeaf(const NodePtr& leaf, quint64& steps, bool release);
+    // The checks of a step along the leaves: the chain is no longer than the
+    // file has blocks, and what it reaches is a leaf.
+    bool mayStepTo(quint64 id, quint64& steps);
+    bool reachedLeaf(const Node& node, quint64 id);
     // The work of insert() and remove(), inside their transaction: what they
     // hold is let go of on return, before the transaction ends.
     bool insertOperation(Key& key);

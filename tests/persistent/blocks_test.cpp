@@ -13,6 +13,7 @@
 #include <QFile>
 
 #include <cstring>
+#include <vector>
 
 using namespace Brevi;
 
@@ -251,6 +252,31 @@ TEST_F(BlocksTest, AFreedBlockWaitsAtTheHeadAndComesBackZeroed)
     EXPECT_EQ(cache.size(), 3u);
 }
 
+// Blocks coming and going by the hundred, all held at once past the cache's
+// size, then evicted by ids that differ only in their generation: each get
+// answers with its own place's bytes, and a generation is a block of its own.
+TEST_F(BlocksTest, ManyBlocksComeAndGoUnderTheirOwnIds)
+{
+    makeCacheFile(path("cache"), 200);
+    BlockCache cache(150, true);
+    ASSERT_TRUE(cache.create(path("cache"), 64, 0xFFFF, RawFile::eReadWrite));
+    for (const quint64 generation : {quint64(0), quint64(1) << 32, quint64(0)}) {
+        std::vector<void*> held;
+        const quint64 misses = cache.misses();
+        for (quint64 i = 1; i < 200; ++i) {
+            const quint64 place = i * 7 % 199 + 1;
+            unsigned char* block = static_cast<unsigned char*>(cache.getBlock(generation | place));
+            ASSERT_NE(block, nullptr) << place;
+            ASSERT_EQ(unsigned(block[63]), unsigned(place & 0xFF)) << place;
+            held.push_back(block);
+        }
+        EXPECT_EQ(cache.misses() - misses, 199u) << "the other generation's blocks are not these";
+        for (void* block : held)
+            ASSERT_TRUE(cache.returnBlock(block, false));
+    }
+    EXPECT_TRUE(cache.close());
+}
+
 TEST_F(BlocksTest, WriteBackCacheWritesOnFlushAndEviction)
 {
     makeCacheFile(path("cache"), 8);
@@ -322,7 +348,7 @@ TEST_F(BlocksTest, FilesThatAreNotBlockFilesAreRefused)
     ASSERT_TRUE(blocks.create(file, 64, 0, 0, RawFile::eReadWrite));
     blocks.close();
     const QByteArray original = fileBytes(file, 0, 24);
-    for (unsigned size : { 0u, 7u, 0xFFFFFFF0u }) {
+    for (unsigned size : {0u, 7u, 0xFFFFFFF0u}) {
         QByteArray word(4, 0);
         ByteOrder::store32(word.data(), size);
         patch(file, 8, word);
